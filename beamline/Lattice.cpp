@@ -1,0 +1,96 @@
+#include "beamline/Lattice.h"
+
+int Lattice::SetElement(std::vector<std::string> token, Element* newElement) {
+  const double start = zStart.empty() ? 0.0 : zStart.back() + elementLength.back();
+  zStart.push_back(start);
+  elementLength.push_back(std::stod(token.at(1)));
+  zEnd.push_back(zStart.back() + elementLength.back());
+  const int elementIndex = static_cast<int>(element.size());
+  newElement->SetParameter(elementIndex, zStart.back(), token);
+  element.push_back(newElement);
+  return 0;
+}
+
+void Lattice::GetExternalField(double t, Beam& beam) {
+  if (beam.particleNumber == -1) return;
+  const double lastEnd = zEnd.back();
+  const bool lastPlane = planeIndex == static_cast<int>(outputPlane.size());
+  const double planeZ = CurrentPlaneZ();
+  for (int i = 0; i <= beam.particleNumber; ++i) {
+    Particle& p = beam.particle[i];
+    const double z = p.coordinate[4];
+    if (z < 0.0 || z > planeZ || p.lost != 0) {
+      if (z > lastEnd && lastPlane && p.lost == 0) p.lost = 2;
+      for (double& f : p.externalField) f = 0.0;
+      continue;
+    }
+    LocateElement(p);
+    element[p.indexElem]->GetField(t, p, fieldM);
+  }
+}
+
+void Lattice::GetErrExternalField(double t, Beam& beam, ErrorSample& sample) {
+  const double lastEnd = zEnd.back();
+  const double planeZ = CurrentPlaneZ();
+  for (int i = 0; i < beam.particleNumber; ++i) {
+    Particle& p = beam.particle[i];
+    const double z = p.coordinate[4];
+    if (z < 0.0 || z > planeZ || p.lost != 0) {
+      if (z > lastEnd && p.lost == 0) p.lost = 2;
+      for (double& f : p.externalField) f = 0.0;
+      continue;
+    }
+    LocateElement(p);
+    if (ElementErrorRow(sample, p.indexElem)[0] == 1.0)
+      element[p.indexElem]->GetErrField(t, p, fieldM);
+    else
+      element[p.indexElem]->GetField(t, p, fieldM);
+  }
+  // The reference never sees element errors and is never marked lost here.
+  Particle& reference = beam.particle[beam.particleNumber];
+  const double z = reference.coordinate[4];
+  if (z < 0.0 || z > lastEnd || reference.lost != 0) {
+    for (double& f : reference.externalField) f = 0.0;
+    return;
+  }
+  LocateElement(reference);
+  element[reference.indexElem]->GetField(t, reference, fieldM);
+}
+
+void Lattice::GetExternalField(double t, Particle& particle) {
+  const double z = particle.coordinate[4];
+  if (z < 0.0 || z > zEnd.back() || particle.lost != 0) {
+    // Only Ex and Bx are cleared here; the other four keep their values.
+    particle.externalField[0] = 0.0;
+    particle.externalField[3] = 0.0;
+    return;
+  }
+  // Strict comparisons: a particle exactly on a boundary stays below it.
+  int i = particle.indexElem;
+  for (;;) {
+    if (z > zStart[i]) {
+      if (z > zEnd[i]) {
+        const int last = static_cast<int>(zEnd.size()) - 1;
+        do ++i;
+        while (i < last && z > zEnd[i]);
+        particle.indexElem = i;
+      }
+      break;
+    }
+    if (z < zStart[i]) {
+      do particle.indexElem = --i;
+      while (i >= 0 && zStart[i] > z);
+      if (i >= 0) break;
+      i = 0;
+      particle.indexElem = 0;
+      std::cout << "Warning! particle.indexElem<0" << std::endl;
+      continue;
+    }
+    break;
+  }
+  element[particle.indexElem]->GetField(t, particle, fieldM);
+}
+
+void Lattice::SetErrInEle(ErrorSample& sample) {
+  for (Element* e : element) e->SetErrPara(sample);
+}

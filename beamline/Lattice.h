@@ -1,0 +1,86 @@
+#pragma once
+#include <iostream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "beam/Beam.h"
+#include "beam/Particle.h"
+#include "beamline/Element.h"
+#include "beamline/FieldMatrix.h"
+#include "run/ErrorSample.h"
+
+// The beamline as the tracking sees it: elements end to end along z, the
+// shared field maps and the output planes. Elements are owned for the life of
+// the process and are not deleted here.
+class Lattice {
+ public:
+  std::vector<Element*> element;
+  FieldMatrix fieldM;
+  std::vector<double> zEnd;    // m, exit of each element
+  std::vector<double> zStart;  // m, entrance of each element
+  int planeIndex = 0;          // plane the bunch is heading for
+  // One row per plane: dz, dx, dy offsets, three angles (rad), z (m) at [6].
+  std::vector<std::vector<double>> outputPlane;
+  int planeCount = 0;    // planes set by the deck, before the closing one
+  int crossedTotal = 0;  // particles past the current rotated plane
+  std::vector<double> elementLength;
+  int lastMapIndex = 0;
+  std::vector<double> reservedList;
+
+  int SetElement(std::vector<std::string> token, Element* newElement);
+
+  // Field of every slot, the reference included. Particles outside the
+  // tracked stretch get zero field, and past the lattice end with the last
+  // plane in force they become lost 2.
+  void GetExternalField(double t, Beam& beam);
+  // Single-particle form of the secondary run: strict boundaries, no loss.
+  void GetExternalField(double t, Particle& particle);
+  void GetErrExternalField(double t, Beam& beam, ErrorSample& sample);
+  void SetErrInEle(ErrorSample& sample);
+
+  // Steps particle.indexElem to the element that contains z, starting from
+  // where it stood: one or two comparisons for a particle that stays.
+  // Boundaries belong to the upper element. A z exactly on the end of the
+  // last element keeps the last element, since there is none above it.
+  void LocateElement(Particle& particle) const {
+    const double z = particle.coordinate[4];
+    const int last = static_cast<int>(zEnd.size()) - 1;
+    int i = particle.indexElem;
+    for (;;) {
+      if (z >= zStart[i]) {
+        if (z >= zEnd[i]) {
+          do ++i;
+          while (i < last && z >= zEnd[i]);
+          if (i > last) i = last;
+          particle.indexElem = i;
+        }
+        return;
+      }
+      if (z < zStart[i]) {
+        do particle.indexElem = --i;
+        while (i >= 0 && zStart[i] > z);
+        if (i >= 0) return;
+        i = 0;
+        particle.indexElem = 0;
+        std::cout << "Warning! beam.particle[i].indexElem<0" << std::endl;
+        if (z < zStart[0]) return;  // callers keep z >= 0; never spin on a bad one
+        continue;
+      }
+      return;  // z is not a number: the index stays
+    }
+  }
+
+  // z of the plane the bunch is heading for. Once every plane has been
+  // passed nothing is inside the tracked stretch any more.
+  double CurrentPlaneZ() const {
+    if (planeIndex < static_cast<int>(outputPlane.size())) return outputPlane[planeIndex][6];
+    return -std::numeric_limits<double>::infinity();
+  }
+
+  // Error row of element `elementIndex` in the set that the sample applies:
+  // static when static element errors are on, else dynamic. Row 0 is the beam.
+  static const std::vector<double>& ElementErrorRow(const ErrorSample& sample, int elementIndex) {
+    return sample.onFlag[2] == 1 ? sample.staticSet[elementIndex + 1] : sample.dynamicSet[elementIndex + 1];
+  }
+};

@@ -1,0 +1,3 @@
+// libKeld.so carries the whole core library; the symbols it exports are
+// listed in exports.map: path, main_agent, inputFilePath, outputFilePath.
+#include "run/Keld.h"

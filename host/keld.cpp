@@ -1,0 +1,48 @@
+// keld: the small host program. It hands the two folders to the library and
+// runs one simulation.
+#include <cstring>
+#include <iostream>
+
+#include "run/Keld.h"
+
+namespace {
+
+void PrintUsage() {
+  std::cout << "Usage: keld [INPUT_DIR OUTPUT_DIR]\n"
+               "\n"
+               "Runs one Keld simulation from the decks in INPUT_DIR and writes its results\n"
+               "to OUTPUT_DIR (which must exist). Without arguments the library's default\n"
+               "folders ./inputFile/ and ./outputFile/ are used.\n"
+               "\n"
+               "Decks read from INPUT_DIR:\n"
+               "  input.txt     run settings (time steps, space charge, threads, outputs)\n"
+               "  beam.txt      the bunch: species, energy, current, Twiss parameters\n"
+               "  lattice.txt   the beamline between 'start' and 'end', output planes, errors\n"
+               "\n"
+               "Files written to OUTPUT_DIR:\n"
+               "  DataSet.txt          one line of bunch statistics per time step\n"
+               "  synParticle.txt      the reference particle's track\n"
+               "  inData.dst           the generated start distribution (binary)\n"
+               "  outData_<z>.dst      the bunch at each output plane (binary)\n"
+               "  SimulationTime.txt   timing of the run\n"
+               "  ErrorLog.txt         one stamped line per failed run\n"
+               "\n"
+               "Exit status: 0 on success, 1 for a failure while reading the decks,\n"
+               "2 for a failure during tracking.\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    PrintUsage();
+    return 0;
+  }
+  if (argc != 1 && argc != 3) {
+    PrintUsage();
+    return 64;
+  }
+  if (argc == 3) path(argv[1], argv[2]);
+  main_agent();
+  return 0;
+}

@@ -1,0 +1,700 @@
+#include "run/Initial.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+
+#include "beam/Generator.h"
+#include "beamline/Bend.h"
+#include "beamline/Drift.h"
+#include "beamline/Quadrupole.h"
+#include "beamline/Solenoid.h"
+#include "beamline/Steerer.h"
+#include "run/HelperFunc.h"
+#include "run/Keld.h"
+#include "tracking/MethodMP.h"
+
+namespace {
+
+const double kProtonMass = 1.67262171e-27;      // kg, reference mass
+const double kElementaryCharge = 1.60217653e-19;  // C
+const double kLightSpeed = 299792458.0;          // m/s
+const double kMassUnit = 938.27187;              // MeV, rest energy per mass number
+const double kTwoPi = 6.283185307179586;
+const double kPi = 3.141592653589793;
+
+std::string Lower(std::string word) {
+  for (char& c : word) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return word;
+}
+
+// A keyword line with fewer arguments than the keyword reads is stopped
+// cleanly instead of reading past the end of the line.
+void NeedArguments(const std::vector<std::string>& token, std::size_t count) {
+  if (token.size() >= count + 1) return;
+  Initial::errorOut("keyword: " + token[0] + ", Insufficient parameters, need " + std::to_string(count) +
+                    (count == 1 ? " parameter" : " parameters"));
+}
+
+// meshrms, integralgrid and numofgrid take up to three arguments.
+void AtMostThree(const std::vector<std::string>& token) {
+  if (token.size() <= 4) return;
+  Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 3");
+}
+
+// The common line loop of the keyword decks: every line that has tokens is
+// handed on, with the file already known to be open.
+template <class Handler>
+void ForEachTokenLine(std::ifstream& file, Handler handle) {
+  std::string line;
+  std::vector<std::string> token;
+  while (file.peek() != EOF) {
+    std::getline(file, line);
+    StringSplit(line, token);
+    if (token.empty()) continue;
+    if (!handle(token)) break;
+  }
+}
+
+}  // namespace
+
+Initial::Initial() : scParameters(20, 1.0), hardwareThreads(omp_get_max_threads()) {
+  scParameters[1] = scParameters[2] = scParameters[3] = -1.0;
+  scParameters[4] = scParameters[5] = scParameters[6] = -1.0;
+  scParameters[7] = -1.0;
+  scParameters[8] = 0.07;
+}
+
+void Initial::errorOut(std::string message) {
+  std::cout << message << "\n" << std::flush;
+  std::ofstream log(outputFilePath + "ErrorLog.txt", std::ios::app);
+  log << TimeStamp() << "   Initialisation stage error: " << message << "\n" << std::flush;
+  log.close();
+  std::exit(1);
+}
+
+int Initial::Read() {
+  std::ifstream file(inputFilePath + "input.txt");
+  if (!file.is_open()) errorOut("File \"input.txt\" cannot be opened, Check the inputFile routing and input.txt.");
+
+  ForEachTokenLine(file, [this](std::vector<std::string>& token) {
+    const std::string key = Lower(token[0]);
+    if (key == "method") {
+      NeedArguments(token, 1);
+      method = token[1];
+    } else if (key == "secondarybeam") {
+      NeedArguments(token, 1);
+      secondaryBeam = std::stoi(token[1]);
+    } else if (key == "boundary") {
+      NeedArguments(token, 1);
+      boundary = std::stoi(token[1]);
+    } else if (key == "dimension") {
+      errorOut("input.txt Contains unknown keywords: Dimension");
+    } else if (key == "scmethod") {
+      if (token.size() >= 2 && token[1] == "FFT")
+        scParameters[0] = 0.0;
+      else if (token.size() >= 2 && token[1] == "SPICNIC")
+        scParameters[0] = 1.0;
+      else
+        errorOut("SCMethod Contains unknown item, available options include FFT / SPICNIC");
+    } else if (key == "negligibleratio") {
+      NeedArguments(token, 1);
+      scParameters[8] = std::stod(token[1]);
+    } else if (key == "lpboundary") {
+      NeedArguments(token, 1);
+      lpBoundary = std::stoi(token[1]);
+    } else if (key == "meshrms") {
+      AtMostThree(token);
+      for (std::size_t k = 1; k < token.size(); ++k) scParameters[k] = std::stod(token[k]);
+    } else if (key == "integralgrid") {
+      AtMostThree(token);
+      for (std::size_t k = 1; k < token.size(); ++k) scParameters[3 + k] = std::stod(token[k]);
+    } else if (key == "scutoffdistance") {
+      NeedArguments(token, 1);
+      scParameters[7] = static_cast<double>(std::stoi(token[1]));
+    } else if (key == "scantstep") {
+      NeedArguments(token, 1);
+      scanTStep = std::stod(token[1]);
+    } else if (key == "dumpperiodicity") {
+      NeedArguments(token, 1);
+      dumpPeriodicity = static_cast<int>(std::stod(token[1]));
+    } else if (key == "spacecharge") {
+      NeedArguments(token, 1);
+      spaceCharge = std::stoi(token[1]);
+      if (spaceCharge == 0) std::cout << "Simulation ignores space charge effects" << std::endl;
+    } else if (key == "scsolverrecord") {
+      NeedArguments(token, 1);
+      scSolverRecord = std::stoi(token[1]);
+    } else if (key == "numofgrid") {
+      AtMostThree(token);
+      for (std::size_t k = 1; k < token.size(); ++k) numOfGrid[k - 1] = std::stoi(token[k]);
+    } else if (key == "steppercycle") {
+      NeedArguments(token, 1);
+      stepPerCycle = std::stod(token[1]);
+      if (token.size() > 2) releaseDistance = std::stod(token[2]);
+    } else if (key == "runperiod") {
+      NeedArguments(token, 1);
+      runPeriod = std::stoi(token[1]);
+    } else if (key == "track") {
+      NeedArguments(token, 1);
+      track = std::stoi(token[1]);
+    } else if (key == "scanphase") {
+      NeedArguments(token, 1);
+      scanPhase = std::stoi(token[1]);
+    } else if (key == "multithreading") {
+      NeedArguments(token, 1);
+      multithreading = std::stoi(token[1]);
+    } else if (key == "setnumberofcores") {
+      if (token.size() < 11) errorOut("keyword: setnumberofcores, Insufficient parameters, need 10 parameters");
+      for (int k = 0; k < 10; ++k) cores[k] = std::stoi(token[k + 1]);
+      const int available = omp_get_max_threads();
+      for (int k = 0; k < 10; ++k) {
+        if (cores[k] > available) cores[k] = available;
+        scParameters[10 + k] = static_cast<double>(cores[k]);
+      }
+    } else if (key == "maxthreads") {
+      NeedArguments(token, 1);
+      maxThreads = std::stoi(token[1]);
+    } else {
+      errorOut("input.txt Contains unknown keywords, check input.txt");
+    }
+    return true;
+  });
+  file.close();
+
+  if (secondaryBeam == 1) spaceCharge = 0;
+  std::cout << "Parameters and functions are set" << std::endl;
+  std::cout << "  " << std::endl;
+  return 0;
+}
+
+int Initial::ReadBeam() {
+  std::ifstream file(inputFilePath + "beam.txt");
+  if (!file.is_open()) errorOut("File \"beam.txt\" cannot be opened, Check the inputFile routing and beam.txt.");
+
+  ForEachTokenLine(file, [this](std::vector<std::string>& token) {
+    const std::string key = Lower(token[0]);
+    if (key == "readparticledistribution") {
+      NeedArguments(token, 1);
+      particleDistributionPath = token[1];
+    } else if (key == "numofcharge") {
+      NeedArguments(token, 1);
+      numOfCharge = std::stod(token[1]);
+    } else if (key == "particlerestmass") {
+      NeedArguments(token, 1);
+      particleRestMass = std::stod(token[1]);
+    } else if (key == "kindofparticle") {
+      NeedArguments(token, 1);
+      kindOfParticle = token[1];
+    } else if (key == "distribution") {
+      if (token.size() != 3)
+        errorOut("The initial bunch distribution contains two parameters, separately in transvers and longitudinal");
+      for (int k = 0; k < 2; ++k) {
+        distributionType[k] = token[k + 1];
+        const std::string& law = distributionType[k];
+        if (law != "KV" && law != "WB" && law != "PB" && law != "GS")
+          errorOut("Distribution Type Error, The Format is: distribution  KV/WB/PB/GS  KV/WB/PB/GS");
+      }
+    } else if (key == "twissx" || key == "twissy" || key == "twissz") {
+      if (token.size() != 4) errorOut(key + " have 3 parameters, emittance, beta, alpha");
+      // The line reads alpha, beta, emittance; the triple is stored reversed.
+      const int plane = 3 * (key[5] - 'x');
+      twiss[plane + 2] = std::stod(token[1]);
+      twiss[plane + 1] = std::stod(token[2]);
+      twiss[plane + 0] = std::stod(token[3]);
+    } else if (key == "particlenumber") {
+      NeedArguments(token, 1);
+      particleNumber = std::stoi(token[1]);
+    } else if (key == "displacepos") {
+      AtMostThree(token);
+      for (std::size_t k = 1; k < token.size(); ++k) displacePos[k - 1] = std::stod(token[k]) * 0.001;
+    } else if (key == "displacedpos") {
+      AtMostThree(token);
+      for (std::size_t k = 1; k < token.size(); ++k) displacedPos[k - 1] = std::stod(token[k]) * 0.001;
+    } else if (key == "frequency") {
+      NeedArguments(token, 1);
+      frequency = std::stod(token[1]);
+    } else if (key == "kneticenergy") {
+      NeedArguments(token, 1);
+      kineticEnergy = std::stod(token[1]);
+    } else if (key == "beamlength") {
+      NeedArguments(token, 2);
+      beamLength[0] = static_cast<double>(std::stoi(token[1]));
+      beamLength[1] = std::stod(token[2]);
+    } else if (key == "current") {
+      NeedArguments(token, 1);
+      current = std::stod(token[1]);
+    } else if (key == "bunchnumber") {
+      NeedArguments(token, 1);
+      bunchNumber = std::stoi(token[1]);
+    } else {
+      errorOut("beam.txt Contains unknown keywords, check input.txt");
+    }
+    return true;
+  });
+  file.close();
+  return 0;
+}
+
+namespace {
+
+// One row of twenty for an element error line: kind, sense, the element the
+// line applies to (the next one created), then the values.
+std::vector<double> ElementErrorRow(const std::vector<std::string>& token, double kind, double sense,
+                                    int elementCount) {
+  if (token.size() - 1 > 17) Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 17");
+  std::vector<double> row(20, 0.0);
+  row[0] = kind;
+  row[1] = sense;
+  row[2] = static_cast<double>(elementCount);
+  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = std::stod(token[k]);
+  return row;
+}
+
+// One row of twenty switches: kind, sense, then one switch per value.
+std::vector<int> ElementSwitchRow(const std::vector<std::string>& token, int kind, int sense, bool& anyOn) {
+  if (token.size() - 1 > 18) Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 18");
+  std::vector<int> row(20, 0);
+  row[0] = kind;
+  row[1] = sense;
+  anyOn = false;
+  for (std::size_t k = 1; k < token.size(); ++k) {
+    row[1 + k] = std::stoi(token[k]);
+    if (row[1 + k] != 0) anyOn = true;
+  }
+  return row;
+}
+
+// The beam switches are kept in blocks of thirty: a first block up to place
+// 30, a second up to 60.
+void PadBeamSwitches(std::vector<int>& beamSwitch) {
+  const std::size_t target = beamSwitch.size() <= 30 ? 30 : 60;
+  if (beamSwitch.size() < target) beamSwitch.resize(target, 0);
+}
+
+}  // namespace
+
+int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList) {
+  (void)boundaryList;
+  std::ifstream file(inputFilePath + "lattice.txt");
+  if (!file.is_open())
+    errorOut("File \"lattice.txt\" cannot be opened, Check the inputFile routing and lattice.txt.");
+  std::cout << "Initialising lattice..." << std::endl;
+
+  bool waitingForStart = true;
+  bool closed = false;
+  double automaticOutputStep = 0.0;
+
+  ForEachTokenLine(file, [&](std::vector<std::string>& token) {
+    const std::string& key = token[0];
+    if (waitingForStart) {
+      if (key == "start") waitingForStart = false;
+      return true;
+    }
+    const int elementCount = static_cast<int>(lattice.element.size());
+    if (key == "drift") {
+      lattice.SetElement(token, new Drift());
+    } else if (key == "quad") {
+      lattice.SetElement(token, new Quadrupole());
+    } else if (key == "solenoid") {
+      lattice.SetElement(token, new Solenoid());
+    } else if (key == "steerer") {
+      lattice.SetElement(token, new Steerer());
+    } else if (key == "bend") {
+      lattice.SetElement(token, new Bend());
+    } else if (key == "automaticoutput") {
+      NeedArguments(token, 1);
+      automaticOutputStep = std::stod(token[1]);
+    } else if (key == "outputplane") {
+      NeedArguments(token, 1);
+      const double value = std::stod(token[1]);
+      outputPlanes.push_back(lattice.zEnd.empty() ? value : lattice.zEnd.back() + value);
+    } else if (key == "err_step") {
+      NeedArguments(token, 2);
+      error.errStep[0] = std::stoi(token[1]);
+      error.errStep[1] = std::stoi(token[2]);
+    } else if (key == "err_beam_stat" || key == "err_beam_dyn") {
+      error.beamError.push_back(key == "err_beam_stat" ? 0.0 : 1.0);
+      for (std::size_t k = 1; k < token.size(); ++k) error.beamError.push_back(std::stod(token[k]));
+      PadBeamSwitches(error.beamSwitch);
+    } else if (key == "err_beam_stat_on" || key == "err_beam_dyn_on") {
+      const int sense = key == "err_beam_stat_on" ? 0 : 1;
+      error.beamSwitch.push_back(sense);
+      bool anyOn = false;
+      for (std::size_t k = 1; k < token.size(); ++k) {
+        error.beamSwitch.push_back(std::stoi(token[k]));
+        if (error.beamSwitch.back() != 0) anyOn = true;
+      }
+      PadBeamSwitches(error.beamSwitch);
+      if (anyOn) error.onFlag[sense] = 1;
+    } else if (key == "err_quad_ncpl_stat") {
+      error.elementError.push_back(ElementErrorRow(token, 0.0, 0.0, elementCount));
+    } else if (key == "err_quad_ncpl_dyn") {
+      error.elementError.push_back(ElementErrorRow(token, 0.0, 1.0, elementCount));
+    } else if (key == "err_cav_ncpl_stat") {
+      error.elementError.push_back(ElementErrorRow(token, 1.0, 0.0, elementCount));
+    } else if (key == "err_cav_ncpl_dyn") {
+      error.elementError.push_back(ElementErrorRow(token, 1.0, 1.0, elementCount));
+    } else if (key == "err_quad_stat_on" || key == "err_quad_dyn_on" || key == "err_cav_stat_on" ||
+               key == "err_cav_dyn_on") {
+      const int kind = key.compare(4, 3, "cav") == 0 ? 1 : 0;
+      const int sense = key.find("_dyn_") != std::string::npos ? 1 : 0;
+      bool anyOn = false;
+      error.elementSwitch.push_back(ElementSwitchRow(token, kind, sense, anyOn));
+      if (anyOn) error.onFlag[2 + sense] = 1;
+    } else if (key == "end") {
+      closed = true;
+      return false;
+    }
+    // Any other word behind start is ignored.
+    return true;
+  });
+  file.close();
+
+  if (closed) {
+    error.elementNumber = static_cast<int>(lattice.element.size());
+    const double total = lattice.zEnd.empty() ? 0.0 : lattice.zEnd.back();
+    outputPlanes.push_back(total);
+
+    if (automaticOutputStep != 0.0) {
+      // Fill gaps wider than twice the step with planes one step apart; every
+      // plane of the deck stays.
+      const double d = automaticOutputStep;
+      const std::vector<double> given = outputPlanes;
+      outputPlanes.assign(1, 0.0);
+      for (double p : given) {
+        while (p - outputPlanes.back() > 2.0 * d) outputPlanes.push_back(outputPlanes.back() + d);
+        outputPlanes.push_back(p);
+      }
+    }
+
+    std::vector<double> closing(7, 0.0);
+    closing[6] = total;
+    if (lattice.outputPlane.empty()) {
+      lattice.outputPlane.push_back(closing);
+    } else {
+      lattice.planeCount = static_cast<int>(lattice.outputPlane.size());
+      if (lattice.outputPlane.back()[6] < total) lattice.outputPlane.push_back(closing);
+    }
+
+    std::cout << "Lattice initialisation complete, total length " << total << " m" << std::endl;
+    std::cout << "A total of " << outputPlanes.size() << " output planes" << std::endl;
+    std::cout << "  " << std::endl;
+  }
+
+  if (boundary == 1) errorOut("Aperture lists from boundary.txt are not supported by this build yet");
+  return 0;
+}
+
+void Initial::ApplySolverSettings(int count) {
+  if (spaceCharge != 1) {
+    numOfGrid.assign(3, 3);
+    return;
+  }
+  std::vector<double>& p = scParameters;
+  if (p[0] == 0.0) {
+    if (p[1] == -1.0) p[1] = p[2] = p[3] = 6.5;
+    if (numOfGrid[0] == -1) numOfGrid.assign(3, 64);
+  } else if (p[0] == 1.0) {
+    // Mesh extent in rms sizes and grid size grow with the bunch.
+    static const double limit[] = {30000, 80000, 300000, 800000, 3e6, 8e6, 3e7, 8e7};
+    static const double meshValue[] = {3.5, 3.5, 4.0, 4.0, 5.0, 5.0, 6.0, 6.0, 7.0};
+    static const int gridValue[] = {14, 18, 20, 26, 30, 40, 44, 56, 64};
+    int row = 0;
+    while (row < 8 && count > limit[row]) ++row;
+    if (p[1] == -1.0) p[1] = p[2] = p[3] = meshValue[row];
+    if (p[4] == -1.0) p[4] = p[5] = p[6] = 8.0;
+    if (numOfGrid[0] == -1) numOfGrid.assign(3, gridValue[row]);
+    if (p[7] == -1.0) p[7] = std::ceil(numOfGrid[0] / 3.0);
+  }
+  p[9] = static_cast<double>(multithreading);
+}
+
+void Initial::ApplyThreadSettings(int count) {
+  static const double limit[] = {30000, 80000, 300000, 800000, 3e6, 8e6, 3e7};
+  static const int table[8][10] = {
+      {64, 54, 20, 24, 1, 48, 96, 12, 48, 12},  {72, 68, 24, 56, 22, 48, 96, 20, 48, 24},
+      {96, 96, 32, 96, 26, 48, 96, 24, 48, 36}, {96, 96, 52, 96, 74, 48, 96, 48, 48, 96},
+      {96, 96, 62, 96, 86, 48, 96, 48, 48, 96}, {96, 96, 82, 96, 92, 48, 96, 48, 48, 96},
+      {96, 96, 92, 96, 96, 48, 96, 48, 48, 96}, {96, 96, 96, 96, 96, 48, 96, 48, 48, 96}};
+  if (multithreading == 1 && cores[0] == -1) {
+    int row = 0;
+    while (row < 7 && count > limit[row]) ++row;
+    cores.assign(table[row], table[row] + 10);
+  }
+  for (int k = 0; k < 10; ++k) {
+    if (cores[k] > hardwareThreads) cores[k] = hardwareThreads;
+    if (maxThreads >= 1 && maxThreads < cores[k]) cores[k] = maxThreads;
+    scParameters[10 + k] = static_cast<double>(cores[k]);
+  }
+}
+
+int Initial::InitParticle(Beam& beam, ErrorSample& sample) {
+  ReadBeam();
+
+  const bool fromFile = secondaryBeam != 0 || particleDistributionPath != "unknown";
+  if (fromFile) {
+    if (secondaryBeam != 0 && particleDistributionPath.find('.') == std::string::npos)
+      errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
+    std::ifstream distribution(inputFilePath + particleDistributionPath, std::ios::binary);
+    if (!distribution.is_open())
+      errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
+    errorOut("Loading a particle distribution file is not supported by this build yet");
+  }
+
+  // Beam errors act when either beam flag is on; their values are always in
+  // row 0 of the dynamic set. A set that was never drawn counts as no error.
+  const bool beamErrors = sample.onFlag[0] + sample.onFlag[1] != 0;
+  const std::vector<double>* beamRow =
+      beamErrors && !sample.dynamicSet.empty() && sample.dynamicSet[0].size() >= 14 ? &sample.dynamicSet[0] : nullptr;
+  GenerateBunch(beam, beamRow);
+  return 0;
+}
+
+void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
+  const int N = particleNumber;
+  // A bunch built from the "not given" start values would be nonsense.
+  const char* missing = nullptr;
+  if (particleNumber < 1) missing = "particlenumber";
+  else if (kineticEnergy == -1.0) missing = "kneticenergy";
+  else if (frequency == -1.0) missing = "frequency";
+  else if (numOfCharge == -1.0) missing = "numofcharge";
+  else if (current == -1.0 && N != 1) missing = "current";
+  if (missing) errorOut(std::string("beam.txt lacks the keyword ") + missing + ", which the bunch generation needs");
+
+  const double W = kineticEnergy;
+  const double m = particleRestMass;
+  const double e = kElementaryCharge;
+  const double mp = kProtonMass;
+  const double c = kLightSpeed;
+
+  std::cout << "Starting to generate initial bunch" << std::endl;
+  beam.frequency = frequency;
+
+  const double gamma = 1.0 + W / m;
+  const double beta = std::sqrt(1.0 - 1.0 / (gamma * gamma));
+  const double bg = beta * gamma;
+  atomicMass = m / kMassUnit;
+  if (N == 1 && current == -1.0) current = 0.0;
+  current /= 1000.0;
+  beam.current = current;
+  beam.solverRecord = scSolverRecord;
+
+  const std::vector<double> noErrors(26, 0.0);
+  const std::vector<double>& E = beamErrors ? *beamErrors : noErrors;
+  if (beamErrors && E[0] == 1.0) {
+    current += E[13] / 1000.0;
+    beam.current += E[13] / 1000.0;
+    for (int plane = 0; plane < 3; ++plane) {
+      twiss[3 * plane] *= 1.0 + E[7 + plane] / 100.0;
+      const double mismatch = (1.0 + E[10 + plane] / 100.0) * (1.0 + E[10 + plane] / 100.0);
+      twiss[3 * plane + 1] *= mismatch;
+      twiss[3 * plane + 2] *= mismatch;
+    }
+  }
+
+  if (current == 0.0 || N == 1) {
+    current = 0.0;
+    beam.current = 0.0;
+    spaceCharge = 0;
+    std::cout << "0 intensity, stop SCfield calculations" << std::endl;
+  }
+
+  beam.particleNumber = N;
+  // Value-initialised, so that every field not set below starts at zero.
+  beam.particle = new Particle[N + 1]();
+
+  double macro;
+  if (beam.current == 0.0) {
+    std::cout << "The intensity is set to 0" << std::endl;
+    macro = 1.0;
+  } else {
+    macro = std::fabs(beam.current / beam.frequency / N / e / numOfCharge);
+    std::cout << "The number of particles represented by a single macro particle: " << macro << std::endl;
+  }
+
+  ApplySolverSettings(N);
+  ApplyThreadSettings(N);
+
+  if (N == 1) {
+    MakeSingleParticle(beam, bg, macro);
+  } else {
+    for (int plane = 0; plane < 3; ++plane) twiss[3 * plane] = twiss[3 * plane] / 1e6 / bg;
+
+    std::vector<std::vector<double>> rows(N, std::vector<double>(6, 0.0));
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    auto law = [](const std::string& word) {
+      if (word == "KV") return KV2D;
+      if (word == "WB") return WB2D;
+      if (word == "PB") return PB2D;
+      return GS2D;
+    };
+    law(distributionType[0])(twiss, rows);
+
+    for (int i = 0; i < N; ++i)
+      for (int k = 0; k < 4; ++k) beam.particle[i].coordinate[k] = rows[i][k];
+    for (int i = 0; i <= N; ++i) {
+      Particle& p = beam.particle[i];
+      p.charge = macro * numOfCharge * e;
+      p.mass = macro * atomicMass * mp;
+      p.chargeMassRatio = numOfCharge / atomicMass * e / mp;
+      p.restEnergy = m;
+      p.name = kindOfParticle;
+      p.boundaryMode = boundary;
+      p.indexElem = p.indexBoundary = p.lost = p.indexPlane = 0;
+    }
+
+    if (dimension == 3) {
+      const std::vector<double> longitudinal = {twiss[6], twiss[7], twiss[8], twiss[6], twiss[7], twiss[8], 0, 0, 0};
+      law(distributionType[1])(longitudinal, rows);
+      for (int i = 0; i < N; ++i) {
+        beam.particle[i].coordinate[4] = rows[i][0];  // z, m
+        beam.particle[i].coordinate[5] = rows[i][1];  // relative momentum deviation
+      }
+    }
+
+    // File form: x (cm), x', y (cm), y', phase (rad), kinetic energy (MeV).
+    // The phase grows towards the tail.
+    double maxPhase = 0.0, minPhase = 0.0;
+    for (int i = 0; i < N; ++i) {
+      double* q = beam.particle[i].coordinate;
+      const double pz = bg * (1.0 + q[5]);
+      const double xp = q[1], yp = q[3];
+      const double g = std::sqrt((xp * pz) * (xp * pz) + 1.0 + (yp * pz) * (yp * pz) + pz * pz);
+      const double b = std::sqrt(1.0 - 1.0 / (g * g));
+      const double vz = b * c / std::sqrt(xp * xp + yp * yp + 1.0);
+      const double phase = -kTwoPi * beam.frequency * q[4] / vz;
+      q[5] = (g - 1.0) * m;
+      q[4] = phase;
+      q[0] *= 100.0;
+      q[2] *= 100.0;
+      maxPhase = std::max(maxPhase, phase);
+      minPhase = std::min(minPhase, phase);
+    }
+
+    if (beamErrors) {
+      // The x and y offsets are added to centimetres with the factor of a
+      // millimetre; kept as the error decks expect it.
+      for (int i = 0; i < N; ++i) {
+        double* q = beam.particle[i].coordinate;
+        q[0] += E[1] * 0.001;
+        q[1] += E[4] * 0.001;
+        q[2] += E[2] * 0.001;
+        q[3] += E[5] * 0.001;
+        q[4] += E[3] / 180.0 * kPi;
+        q[5] += E[6];
+      }
+    }
+
+    WriteDistribution(beam, "inData.dst");
+
+    beam.phaseStart = (maxPhase - minPhase) / (kTwoPi * beam.frequency);
+    beam.phaseHead = minPhase / (kTwoPi * beam.frequency);
+    double gammaSum = 0.0;
+    for (int i = 0; i < N; ++i) gammaSum += ToCommonTime(beam, beam.particle[i]);
+
+    // The reference slot: on axis, at the centre of the bunch, with its mean gamma.
+    Particle& reference = beam.particle[N];
+    const double g = gammaSum / N;
+    const double b = std::sqrt(1.0 - 1.0 / (g * g));
+    double* q = reference.coordinate;
+    q[0] = q[1] = q[2] = q[3] = 0.0;
+    q[4] = beam.phaseHead * b * c;
+    q[5] = g * b;
+    for (double& f : reference.spaceChargeField) f = 0.0;
+    reference.relativeCoordinate[0] = reference.relativeCoordinate[1] = reference.relativeCoordinate[2] = 0.0;
+  }
+
+  std::cout << "Synchron particle addition completed" << std::endl;
+  std::cout << "Bunch initialisation complete" << std::endl;
+  std::cout << "  " << std::endl;
+}
+
+double Initial::ToCommonTime(Beam& beam, Particle& p) const {
+  const double c = kLightSpeed;
+  double* q = p.coordinate;
+  const double xp = q[1], yp = q[3];
+  const double gamma = q[5] / particleRestMass + 1.0;
+  const double beta = std::sqrt(1.0 - 1.0 / (gamma * gamma));
+  const double vz = beta * c / std::sqrt(xp * xp + yp * yp + 1.0);
+  // How much later than the head the particle arrives; it is drifted back
+  // along its own direction to the head's time.
+  const double dt = q[4] / (kTwoPi * beam.frequency) - beam.phaseHead;
+  const double pz = vz / c * gamma;
+  q[0] = q[0] / 100.0 - xp * dt * vz;
+  q[1] = xp * pz;
+  q[2] = q[2] / 100.0 - yp * dt * vz;
+  q[3] = yp * pz;
+  q[4] = -dt * vz;
+  q[5] = pz;
+  for (int k = 0; k < 6; ++k) p.externalField[k] = p.spaceChargeField[k] = p.totalField[k] = 0.0;
+  p.relativeCoordinate[0] = p.relativeCoordinate[1] = p.relativeCoordinate[2] = 0.0;
+  return gamma;
+}
+
+void Initial::WriteDistribution(const Beam& beam, const std::string& name) const {
+  std::ofstream out(outputFilePath + name, std::ios::binary | std::ios::trunc);
+  if (!out.is_open()) errorOut("Insufficient permissions to write file: " + name);
+  const int N = beam.particleNumber;
+  const char head[2] = {125, 100};
+  const char mark = 125;
+  const double currentmA = 1000.0 * current;
+  const double frequencyMHz = beam.frequency / 1e6;
+  out.write(head, 2);
+  out.write(reinterpret_cast<const char*>(&N), sizeof N);
+  out.write(reinterpret_cast<const char*>(&currentmA), sizeof currentmA);
+  out.write(reinterpret_cast<const char*>(&frequencyMHz), sizeof frequencyMHz);
+  out.write(&mark, 1);
+  for (int i = 0; i < N; ++i) out.write(reinterpret_cast<const char*>(beam.particle[i].coordinate), 6 * sizeof(double));
+  out.write(reinterpret_cast<const char*>(&particleRestMass), sizeof particleRestMass);
+}
+
+void Initial::MakeSingleParticle(Beam& beam, double betaGamma, double macro) {
+  const double e = kElementaryCharge;
+  for (int i = 0; i < 2; ++i) {
+    Particle& p = beam.particle[i];
+    p = Particle();
+    p.charge = macro * numOfCharge * e;
+    p.mass = macro * atomicMass * kProtonMass;
+    p.chargeMassRatio = numOfCharge / atomicMass * e / kProtonMass;
+    p.restEnergy = particleRestMass;
+    p.coordinate[5] = betaGamma;
+  }
+  double* q = beam.particle[0].coordinate;
+  q[0] = displacePos[0];
+  q[1] = displacedPos[0] * betaGamma;
+  q[2] = displacePos[1];
+  q[3] = displacedPos[1] * betaGamma;
+  q[4] = displacePos[2];
+  q[5] = betaGamma;
+  beam.phaseStart = 0.0;
+  beam.phaseHead = 0.0;
+  beam.zMin = displacePos[2];
+  beam.zMax = displacePos[2];
+
+  std::ofstream out(outputFilePath + "SingleParticle.txt", std::ios::trunc);
+  out << "dx:" << q[0] * 1000.0 << "mm  dy:" << q[2] * 1000.0 << "mm  dz:" << q[4] * 1000.0 << "mm\n";
+  out << "dpx:" << 1000.0 * q[1] / q[5] << "mrad  dpy:" << 1000.0 * q[3] / q[5] << "mrad  dpz:" << "--\n";
+  out << "Energy:" << kineticEnergy << "MeV\n";
+}
+
+int Initial::InitMethodMP(MethodMP& engine) {
+  engine.timeStep = 1.0 / frequency / stepPerCycle;
+  engine.spaceCharge = spaceCharge;
+  engine.track = track;
+  engine.cores = cores;
+  engine.scParameters = scParameters;
+  engine.outputPlanes = outputPlanes;
+  engine.numOfGrid = numOfGrid;
+  engine.multithreading = multithreading;
+  engine.dumpPeriodicity = dumpPeriodicity;
+  engine.boundary = boundary;
+  engine.lpBoundary = lpBoundary;
+  return 0;
+}

@@ -1,0 +1,76 @@
+#pragma once
+#include <string>
+#include <vector>
+
+#include "beam/Beam.h"
+#include "beamline/Boundary.h"
+#include "beamline/Lattice.h"
+#include "run/ErrorParameter.h"
+#include "run/ErrorSample.h"
+
+class MethodMP;
+
+// The settings of a run and the readers of its decks. A value of -1 in a
+// numerical setting means "not given": InitParticle chooses it by bunch size.
+class Initial {
+ public:
+  int secondaryBeam = 0;
+  std::string particleDistributionPath = "unknown";  // "unknown": generate the bunch
+  double numOfCharge = -1.0;
+  double atomicMass = -1.0;  // rest mass / 938.27187
+  std::vector<std::string> distributionType = {"GS", "GS"};  // transverse, longitudinal
+  int particleNumber = -1;
+  std::vector<double> twiss = std::vector<double>(9, -1.0);  // per plane: emittance, beta, alpha
+  std::vector<double> displacePos = std::vector<double>(3, 0.0);   // m
+  std::vector<double> displacedPos = std::vector<double>(3, 0.0);  // rad
+  std::vector<int> cores = {-1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+  double particleRestMass = 938.272029;  // MeV
+  double current = -1.0;                 // mA as read, A after InitParticle
+  double frequency = -1.0;               // Hz
+  double kineticEnergy = -1.0;           // MeV
+  std::string kindOfParticle = "proton";
+  std::vector<double> beamLength = {0.0, 0.0};
+  std::string method = "MP";
+  int spaceCharge = 1;
+  std::vector<double> scParameters;
+  int transportCode = 1;
+  double scanTStep = 0.01;
+  int dimension = 3;
+  int boundary = 0;
+  int lpBoundary = 0;
+  double stepPerCycle = 100.0;
+  int dumpPeriodicity = 0;
+  int runPeriod = 100000;
+  int track = 0;
+  std::vector<double> outputPlanes;  // m
+  int scanPhase = 1;
+  int scSolverRecord = 0;
+  std::vector<int> numOfGrid = {-1, -1, -1};
+  int bunchNumber = 0;
+  int multithreading = 1;
+  int maxThreads = -1;
+  int hardwareThreads;
+  double releaseDistance = 0.01;  // m
+
+  Initial();
+
+  int Read();                                                   // input.txt
+  int ReadBeam();                                               // beam.txt
+  int InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList);  // lattice.txt
+  int InitParticle(Beam& beam, ErrorSample& sample);            // builds the bunch
+  int InitMethodMP(MethodMP& engine);
+
+  // Reports a failure of the initialisation stage on the console and in
+  // ErrorLog.txt, then ends the process with status 1.
+  [[noreturn]] static void errorOut(std::string message);
+
+ private:
+  void ApplySolverSettings(int count);
+  void ApplyThreadSettings(int count);
+  void GenerateBunch(Beam& beam, const std::vector<double>* beamErrors);
+  void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
+  // Moves one particle from the file form to the head's time; returns its gamma.
+  double ToCommonTime(Beam& beam, Particle& p) const;
+  // The bunch in the binary distribution layout, in the output folder.
+  void WriteDistribution(const Beam& beam, const std::string& name) const;
+};

@@ -1,0 +1,92 @@
+#include "run/Keld.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+
+#include "beam/Beam.h"
+#include "beamline/Boundary.h"
+#include "beamline/Lattice.h"
+#include "run/ErrorParameter.h"
+#include "run/ErrorSample.h"
+#include "run/HelperFunc.h"
+#include "run/Initial.h"
+#include "tracking/MethodMP.h"
+
+std::string inputFilePath = "./inputFile/";
+std::string outputFilePath = "./outputFile/";
+
+int path(const char* inputFolder, const char* outputFolder) {
+  std::cout << "The input path has been set to " << inputFolder << std::endl;
+  std::string input = std::string(inputFolder) + "/";
+  std::cout << "The output path has been set to " << outputFolder << std::endl;
+  std::string output = std::string(outputFolder) + "/";
+  inputFilePath = input;
+  outputFilePath = output;
+  return 0;
+}
+
+namespace {
+
+// One tracked sample: the bunch, its engine and the run. The bunch array is
+// released here, so that the samples of a study do not pile up in memory.
+void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample& sample,
+               std::chrono::system_clock::time_point t0, bool reportInitialisation) {
+  Beam beam;
+  init.InitParticle(beam, sample);
+  if (reportInitialisation) std::cout << "Initialization time: " << ElapsedSeconds(t0) << " s" << std::endl;
+  {
+    MethodMP engine;
+    init.InitMethodMP(engine);
+    engine.Run(lattice, beam, sample, boundary);
+  }
+  std::cout << "Simulated total time: " << ElapsedSeconds(t0) << " s" << std::endl;
+  delete[] beam.particle;
+  beam.particle = nullptr;
+}
+
+}  // namespace
+
+int main_agent() {
+  std::cout << "The programme is running." << std::endl;
+  const auto t0 = std::chrono::system_clock::now();
+
+  Initial init;
+  init.Read();
+  ErrorParameter error;
+  Lattice lattice;
+  Boundary boundary;
+  init.InitLattice(lattice, error, boundary);
+
+  const int flagSum = error.onFlag[0] + error.onFlag[1] + error.onFlag[2] + error.onFlag[3];
+  if (flagSum == 0) {
+    ErrorSample sample;
+    sample.onFlag = error.onFlag;
+    RunSample(init, lattice, boundary, sample, t0, true);
+    return 0;
+  }
+
+  // Error study: one run per sample, each in its own output folder.
+  const std::string baseFolder = outputFilePath;
+  for (int i = 0; i < error.errStep[0] * error.errStep[1]; ++i) {
+    ErrorSample sample;
+    const bool staticOn = error.onFlag[0] == 1 || error.onFlag[2] == 1;
+    const bool dynamicOn = error.onFlag[1] == 1 || error.onFlag[3] == 1;
+    if (staticOn && i < static_cast<int>(error.staticSets.size())) sample.staticSet = error.staticSets[i];
+    if (dynamicOn && i < static_cast<int>(error.dynamicSets.size())) sample.dynamicSet = error.dynamicSets[i];
+    sample.onFlag = error.onFlag;
+    sample.sampleNumber = i + 1;
+    sample.errorSelector = 0;
+
+    const std::string folder = baseFolder + "output_" + std::to_string(i);
+    if (mkdir(folder.c_str(), 0775) != 0) {
+      std::cout << "Error output folder creation failure" << std::endl;
+      std::exit(1);
+    }
+    outputFilePath = folder + "/";
+    RunSample(init, lattice, boundary, sample, t0, false);
+  }
+  return 0;
+}

@@ -1,0 +1,86 @@
+#pragma once
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "beam/Beam.h"
+#include "beam/LeapFrog.h"
+#include "beamline/Boundary.h"
+#include "beamline/Lattice.h"
+#include "run/ErrorSample.h"
+#include "spacecharge/Mesh.h"
+#include "spacecharge/PIC.h"
+#include "spacecharge/ThreadPool.h"
+#include "tracking/TcodeTrans.h"
+
+// The tracking engine: a worker pool for the time-step kernel together with
+// the run's settings, time accounts and step counter.
+class MethodMP : public ThreadPool {
+ public:
+  std::chrono::system_clock::time_point startTime;
+  double timePush = 0.0;      // us in the pooled push
+  double timeMap = 0.0;       // us in the hard-edge maps
+  double timeFieldPre = 0.0;  // us preparing the hard-edge self-field
+  double timeZtoT = 0.0;      // us turning rows back into particles
+  double timeTotal = 0.0;     // us of the whole run
+  double timeStep = 0.0;      // s
+  int spaceCharge = 0;
+  int track = 0;
+  int multithreading = 0;
+  int dumpPeriodicity = 0;
+  int stepCounter = 0;
+  int boundary = 0;
+  int lpBoundary = 0;
+  std::vector<int> cores = std::vector<int>(10, 0);
+  std::vector<double> outputPlanes;
+  std::vector<double> scParameters = std::vector<double>(20, 0.0);
+  std::vector<int> numOfGrid;
+  double progressPercent = 0.0;
+  double progressElapsed = 0.0;
+  double progressRemaining = 0.0;
+  double startZ = 0.0;
+  double progressInterval = 3.0;  // s between two progress lines
+  int stepLimit = 0;
+
+  MethodMP();
+
+  void Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& boundaryList);
+  void tcodeRun(double& time, double& stepSize, double& startPlane, std::vector<int>& stopCode,
+                std::vector<double>& stopZ, CrossingTable& planeCrossing, CrossingTable& curveCrossing, Beam& beam,
+                Lattice& lattice, PIC& pic, Mesh& mesh, LeapFrog& leapFrog, ErrorSample& sample,
+                Boundary& boundaryList);
+  // Turns the crossing rows back into particles at the common time timeOut,
+  // each on its straight line behind the plane z; clears every row.
+  double zTotcode(double z, Beam& beam, CrossingTable& rows, double& timeOut);
+
+  // Exact statistics pass over the bunch.
+  void UpdateBeamParameters(Beam& beam, Lattice& lattice);
+  void synPout(Beam& beam, double& time);
+  void SeSynPout(Particle& particle);
+  void beamOut(Beam& beam, CrossingTable& rows, int kind, double time, double z, int step);
+  void dstOut(Beam& beam, const CrossingTable& rows, double z);
+  void errSampleOut(ErrorSample& sample);
+  void testOut(Beam& beam);
+  void simulationProgress(Beam& beam, ErrorSample& sample);
+  // Reports a failure of the tracking stage and ends the process, status 2.
+  [[noreturn]] void errorOut(std::string message);
+
+ private:
+  double lastPlaneZ = 0.0;  // z used as the goal of the progress report
+  void WriteBeamSetHeader(Beam& beam);
+  // Puts a particle back from its crossing row r to the common time, behind
+  // the plane z; momenta from the row.
+  // Kicks the crossing rows by the steerer at lattice index `code`, over the
+  // length of the element behind it.
+  void ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code);
+  void ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryList, PreviousTable& previous, double time);
+  // Columns 14 to 17 of the line record: frame state, plane, steps in the
+  // bending plane and in z of the reference.
+  void FrameColumns(Beam& beam, std::vector<double>& lineRecord, const std::array<double, 6>& previousReference,
+                    const std::vector<double>& referenceCurveRow, double startPlane, double time, double dt);
+  // The frame of the statistics follows the reference through a curved set.
+  void FrameOfReference(Beam& beam, Lattice& lattice, double* referenceCoordinate);
+  static void RestoreFromRow(Particle& p, const std::vector<double>& r, double z, double commonTime);
+  void WriteSimulationTime(const PIC& pic);
+};
