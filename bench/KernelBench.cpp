@@ -1,0 +1,69 @@
+// Throughput of the time-step kernel in a field-free stretch: 10^5 and 10^6
+// particles pushed by TcodeTrans on a pool of 1 and of 2 threads.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+#include "BenchSupport.h"
+#include "spacecharge/ThreadPool.h"
+#include "tracking/TcodeTrans.h"
+
+namespace {
+
+double PushRate(int N, int threads, int steps) {
+  Lattice lattice;
+  keldbench::MakeDriftLattice(lattice, 10, 10.0);
+  Beam beam;
+  keldbench::MakeBunch(beam, N, 0.08, 0.02);
+  ErrorSample sample;
+  const std::vector<double> stopZ = {100.0};
+  CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
+  CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
+  PreviousTable previous(N + 1);
+  double reference[6] = {0, 0, 0, 0, -0.01, 0.08};
+  std::vector<RangeAccumulator> sums(threads);
+  std::vector<int> rangeStart;
+  for (int k = 0; k <= threads; ++k) rangeStart.push_back(static_cast<int>(static_cast<long>(N) * k / threads));
+
+  ThreadPool pool(threads);
+  const double dt = 1.0 / 352.2e6 / 100.0;
+  double time = 0.0;
+  auto step = [&]() {
+    time += dt;
+    for (RangeAccumulator& s : sums) s.Reset();
+    for (int k = 0; k < threads; ++k)
+      pool.enqueue(TcodeTrans, std::ref(lattice), std::ref(beam), -1.0, std::ref(sample), std::cref(stopZ),
+                   std::ref(planeCrossing), std::ref(curveCrossing), std::ref(previous), time, dt,
+                   static_cast<const double*>(reference), std::ref(sums), 1.0, k, rangeStart[k], rangeStart[k + 1]);
+    pool.wait_until_empty();
+    pool.wait_until_nothing_in_flight();
+  };
+  step();  // warm up: first touch of every page
+  const auto start = std::chrono::steady_clock::now();
+  for (int s = 0; s < steps; ++s) step();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  delete[] beam.particle;
+  return static_cast<double>(N) * steps / seconds;
+}
+
+}  // namespace
+
+int main() {
+  std::printf("Time-step kernel, field-free drift (particle-steps per second)\n");
+  std::printf("%10s %14s %14s %9s\n", "particles", "1 thread", "2 threads", "speed-up");
+  for (int N : {100000, 1000000}) {
+    const int steps = N == 100000 ? 300 : 40;
+    const double one = PushRate(N, 1, steps);
+    const double two = PushRate(N, 2, steps);
+    std::printf("%10d %14.3e %14.3e %9.2f\n", N, one, two, two / one);
+  }
+  // What a tracked slot costs: the record, its row of the previous state and
+  // its two crossing rows (vector header plus eight doubles each).
+  const std::size_t row = sizeof(std::vector<double>) + 8 * sizeof(double);
+  std::printf("memory per particle: %zu bytes (record %zu, previous %zu, crossing rows %zu)\n",
+              sizeof(Particle) + sizeof(std::array<double, 6>) + 2 * row, sizeof(Particle),
+              sizeof(std::array<double, 6>), 2 * row);
+  return 0;
+}
