@@ -41,7 +41,7 @@ void Lattice::GetErrExternalField(double t, Beam& beam, ErrorSample& sample) {
       continue;
     }
     LocateElement(p);
-    if (ElementErrorRow(sample, p.indexElem)[0] == 1.0)
+    if (UsesErrorField(sample, p.indexElem))
       element[p.indexElem]->GetErrField(t, p, fieldM);
     else
       element[p.indexElem]->GetField(t, p, fieldM);

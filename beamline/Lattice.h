@@ -78,9 +78,13 @@ class Lattice {
     return -std::numeric_limits<double>::infinity();
   }
 
-  // Error row of element `elementIndex` in the set that the sample applies:
-  // static when static element errors are on, else dynamic. Row 0 is the beam.
-  static const std::vector<double>& ElementErrorRow(const ErrorSample& sample, int elementIndex) {
-    return sample.onFlag[2] == 1 ? sample.staticSet[elementIndex + 1] : sample.dynamicSet[elementIndex + 1];
+  // Whether element `elementIndex` takes its error field: the first value of
+  // its error row, in the static set when static element errors are on, else
+  // in the dynamic set, is 1.0. Row 0 belongs to the beam; a set that was
+  // never drawn has no element rows and means no error.
+  static bool UsesErrorField(const ErrorSample& sample, int elementIndex) {
+    const ErrorSet& set = sample.onFlag[2] == 1 ? sample.staticSet : sample.dynamicSet;
+    const std::size_t row = static_cast<std::size_t>(elementIndex) + 1;
+    return row < set.size() && !set[row].empty() && set[row][0] == 1.0;
   }
 };

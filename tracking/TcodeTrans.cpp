@@ -90,7 +90,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
     if (z >= 0.0 && z <= planeZ && p.lost == 0) {
       lattice.LocateElement(p);
       Element* e = lattice.element[p.indexElem];
-      if (errorsOn && Lattice::ElementErrorRow(sample, p.indexElem)[0] == 1.0)
+      if (errorsOn && Lattice::UsesErrorField(sample, p.indexElem))
         e->GetErrField(time, p, lattice.fieldM);
       else
         e->GetField(time, p, lattice.fieldM);
