@@ -69,7 +69,7 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
   if (dumpPeriodicity != 0) WriteBeamSetHeader(beam);
 
   SectionPlan plan = SectionPlan::Build(lattice, outputPlanes);
-  lastPlaneZ = outputPlanes.empty() ? lattice.zEnd.back() : outputPlanes.back();
+  latticeEnd = lattice.zEnd.back();
 
   startTime = std::chrono::system_clock::now();
   startZ = beam.particle[N].coordinate[4];
@@ -716,7 +716,8 @@ void MethodMP::testOut(Beam& beam) {
 
 void MethodMP::simulationProgress(Beam& beam, ErrorSample&) {
   const double zr = beam.particle[beam.particleNumber].coordinate[4];
-  const double L = lastPlaneZ;
+  // The goal is the last output plane; a run without planes goes to the end.
+  const double L = outputPlanes.empty() ? latticeEnd : outputPlanes.back();
   progressPercent = (zr - startZ) / (L - startZ + zr - beam.zMin) * 100.0;
   progressElapsed = ElapsedMicroseconds(startTime) / 1e6;
   progressRemaining = (100.0 * progressElapsed / progressPercent - progressElapsed) * 0.5;

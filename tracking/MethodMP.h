@@ -67,7 +67,7 @@ class MethodMP : public ThreadPool {
   [[noreturn]] void errorOut(std::string message);
 
  private:
-  double lastPlaneZ = 0.0;  // z used as the goal of the progress report
+  double latticeEnd = 0.0;  // m, end of the last element of the run's lattice
   void WriteBeamSetHeader(Beam& beam);
   // Puts a particle back from its crossing row r to the common time, behind
   // the plane z; momenta from the row.
