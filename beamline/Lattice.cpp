@@ -65,29 +65,7 @@ void Lattice::GetExternalField(double t, Particle& particle) {
     particle.externalField[3] = 0.0;
     return;
   }
-  // Strict comparisons: a particle exactly on a boundary stays below it.
-  int i = particle.indexElem;
-  for (;;) {
-    if (z > zStart[i]) {
-      if (z > zEnd[i]) {
-        const int last = static_cast<int>(zEnd.size()) - 1;
-        do ++i;
-        while (i < last && z > zEnd[i]);
-        particle.indexElem = i;
-      }
-      break;
-    }
-    if (z < zStart[i]) {
-      do particle.indexElem = --i;
-      while (i >= 0 && zStart[i] > z);
-      if (i >= 0) break;
-      i = 0;
-      particle.indexElem = 0;
-      std::cout << "Warning! particle.indexElem<0" << std::endl;
-      continue;
-    }
-    break;
-  }
+  StepToElement<true>(particle, "Warning! particle.indexElem<0");
   element[particle.indexElem]->GetField(t, particle, fieldM);
 }
 

@@ -41,34 +41,9 @@ class Lattice {
 
   // Steps particle.indexElem to the element that contains z, starting from
   // where it stood: one or two comparisons for a particle that stays.
-  // Boundaries belong to the upper element. A z exactly on the end of the
-  // last element keeps the last element, since there is none above it.
+  // Boundaries belong to the upper element.
   void LocateElement(Particle& particle) const {
-    const double z = particle.coordinate[4];
-    const int last = static_cast<int>(zEnd.size()) - 1;
-    int i = particle.indexElem;
-    for (;;) {
-      if (z >= zStart[i]) {
-        if (z >= zEnd[i]) {
-          do ++i;
-          while (i < last && z >= zEnd[i]);
-          if (i > last) i = last;
-          particle.indexElem = i;
-        }
-        return;
-      }
-      if (z < zStart[i]) {
-        do particle.indexElem = --i;
-        while (i >= 0 && zStart[i] > z);
-        if (i >= 0) return;
-        i = 0;
-        particle.indexElem = 0;
-        std::cout << "Warning! beam.particle[i].indexElem<0" << std::endl;
-        if (z < zStart[0]) return;  // callers keep z >= 0; never spin on a bad one
-        continue;
-      }
-      return;  // z is not a number: the index stays
-    }
+    StepToElement<false>(particle, "Warning! beam.particle[i].indexElem<0");
   }
 
   // z of the plane the bunch is heading for. Once every plane has been
@@ -86,5 +61,39 @@ class Lattice {
     const ErrorSet& set = sample.onFlag[2] == 1 ? sample.staticSet : sample.dynamicSet;
     const std::size_t row = static_cast<std::size_t>(elementIndex) + 1;
     return row < set.size() && !set[row].empty() && set[row][0] == 1.0;
+  }
+ private:
+  // The stepping of the index. Strict comparisons (the single-particle form)
+  // keep a particle that stands exactly on a boundary in the lower element.
+  // A z exactly on the end of the last element keeps the last element, since
+  // there is none above it; a negative index is repaired with a warning.
+  template <bool Strict>
+  void StepToElement(Particle& particle, const char* warning) const {
+    auto beyond = [](double z, double bound) { return Strict ? z > bound : z >= bound; };
+    const double z = particle.coordinate[4];
+    const int last = static_cast<int>(zEnd.size()) - 1;
+    int i = particle.indexElem;
+    for (;;) {
+      if (beyond(z, zStart[i])) {
+        if (beyond(z, zEnd[i])) {
+          do ++i;
+          while (i < last && beyond(z, zEnd[i]));
+          if (i > last) i = last;
+          particle.indexElem = i;
+        }
+        return;
+      }
+      if (z < zStart[i]) {
+        do particle.indexElem = --i;
+        while (i >= 0 && zStart[i] > z);
+        if (i >= 0) return;
+        i = 0;
+        particle.indexElem = 0;
+        std::cout << warning << std::endl;
+        if (z < zStart[0]) return;  // callers keep z >= 0; never spin on a bad one
+        continue;
+      }
+      return;  // z is not a number: the index stays
+    }
   }
 };
