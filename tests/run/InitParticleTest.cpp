@@ -148,3 +148,27 @@ TEST(BeamSetup, SingleParticleAndZeroCurrent) {
   EXPECT_NE(console.find("0 intensity, stop SCfield calculations\nThe intensity is set to 0\n"), std::string::npos);
   EXPECT_EQ(V({zero.beam.current, zero.beam.particle[0].charge}), (V{0, 2 * 1.60217653e-19}));
 }
+
+// Each transverse law yields an inData.dst whose rms emittances and Twiss parameters are the deck's.
+TEST(BeamSetup, InDataFileMatchesTheDeckForEveryTransverseLaw) {
+  const int n = 40000;
+  const std::vector<V> twiss = {{0.25, 2.0, 0.5}, {0.2, 1.5, -0.3}};
+  for (const char* law : {"KV", "WB", "PB", "GS"}) {
+    BeamRun s;
+    s.Run(Deck(n, std::string("distribution ") + law + " GS\n"));
+    const std::string dst = keldtest::ReadFile(s.path + "inData.dst");
+    ASSERT_EQ(dst.size(), 23u + 48u * n + 8u);
+    for (int k = 0; k < 2; ++k) {
+      double m[5] = {};  // <u>, <u'>, <uu>, <uu'>, <u'u'>, u in m from the file's cm
+      for (int i = 0; i < n; ++i) {
+        const double u = At<double>(dst, 23 + 48 * i + 16 * k) / 100, p = At<double>(dst, 31 + 48 * i + 16 * k);
+        m[0] += u / n, m[1] += p / n, m[2] += u * u / n, m[3] += u * p / n, m[4] += p * p / n;
+      }
+      const double xx = m[2] - m[0] * m[0], xp = m[3] - m[0] * m[1], pp = m[4] - m[1] * m[1];
+      const double e = std::sqrt(xx * pp - xp * xp), t = 6 / std::sqrt(n);
+      EXPECT_NEAR(e * kBg * 1e6 / twiss[k][0], 1, t) << law << " plane " << k;
+      EXPECT_NEAR(xx / e / twiss[k][1], 1, t) << law << " plane " << k;
+      EXPECT_NEAR(-xp / e, twiss[k][2], t * std::hypot(1, twiss[k][2])) << law << " plane " << k;
+    }
+  }
+}
