@@ -21,7 +21,8 @@ struct AxialEllipse {
 
 // Semi-axes and tilt of one plane from its sigma matrix, through the
 // eigenvalues of the inverse; the larger beta-like entry decides the order.
-AxialEllipse SigmaToAxial(double s11, double s12, double s22, bool absoluteSecond) {
+// The second plane takes its roots without the absolute value.
+AxialEllipse SigmaToAxial(double s11, double s12, double s22, bool absolute) {
   const double D = s11 * s22 - s12 * s12;
   Eigen::Matrix2d M;
   M(0, 0) = s22 / D;
@@ -31,8 +32,8 @@ AxialEllipse SigmaToAxial(double s11, double s12, double s22, bool absoluteSecon
   double first = solver.eigenvalues()(0), second = solver.eigenvalues()(1);
   if (s22 > s11) std::swap(first, second);
   AxialEllipse e;
-  e.r1 = std::sqrt(std::fabs(1.0 / first));
-  e.r2 = absoluteSecond ? std::sqrt(std::fabs(1.0 / second)) : std::sqrt(1.0 / second);
+  e.r1 = absolute ? std::sqrt(std::fabs(1.0 / first)) : std::sqrt(1.0 / first);
+  e.r2 = absolute ? std::sqrt(std::fabs(1.0 / second)) : std::sqrt(1.0 / second);
   e.tilt = M(0, 0) == M(1, 1) ? 0.0 : 0.5 * std::atan(2.0 * M(0, 1) / (M(0, 0) - M(1, 1))) * 180.0 / kPi;
   return e;
 }

@@ -311,6 +311,8 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
     } else if (key == "automaticoutput") {
       NeedArguments(token, 1);
       automaticOutputStep = std::stod(token[1]);
+      // A negative step would fill the plane list without end.
+      if (automaticOutputStep < 0.0) errorOut("automaticoutput needs a step of 0 or more metres");
     } else if (key == "outputplane") {
       NeedArguments(token, 1);
       const double value = std::stod(token[1]);
@@ -348,6 +350,9 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       bool anyOn = false;
       error.elementSwitch.push_back(ElementSwitchRow(token, kind, sense, anyOn));
       if (anyOn) error.onFlag[2 + sense] = 1;
+    } else if (key == "field" || key == "rfq" || key == "superpose") {
+      // Dropping such a line would shift everything behind it upstream.
+      errorOut("lattice.txt: the keyword " + key + " is not supported by this build yet");
     } else if (key == "end") {
       closed = true;
       return false;
@@ -460,8 +465,10 @@ int Initial::InitParticle(Beam& beam, ErrorSample& sample) {
 void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
   const int N = particleNumber;
   // A bunch built from the "not given" start values would be nonsense.
+  if (particleNumber == 0 || particleNumber < -1)
+    errorOut("beam.txt: particlenumber must be at least 1 to generate a bunch");
   const char* missing = nullptr;
-  if (particleNumber < 1) missing = "particlenumber";
+  if (particleNumber == -1) missing = "particlenumber";
   else if (kineticEnergy == -1.0) missing = "kneticenergy";
   else if (frequency == -1.0) missing = "frequency";
   else if (numOfCharge == -1.0) missing = "numofcharge";

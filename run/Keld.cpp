@@ -41,8 +41,8 @@ void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample&
     MethodMP engine;
     init.InitMethodMP(engine);
     engine.Run(lattice, beam, sample, boundary);
+    std::cout << "Simulated total time: " << ElapsedSeconds(t0) << " s" << std::endl;
   }
-  std::cout << "Simulated total time: " << ElapsedSeconds(t0) << " s" << std::endl;
   delete[] beam.particle;
   beam.particle = nullptr;
 }
