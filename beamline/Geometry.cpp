@@ -1,3 +1,3 @@
 #include "beamline/Geometry.h"
 
-int Geometry::Boundary(double, double, Particle&, std::vector<double>, std::string) { return 0; }
+int Geometry::Boundary(double, double, Particle&, const std::array<double, 6>&, const std::string&) { return 0; }

@@ -1,4 +1,5 @@
 #pragma once
+#include <array>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,6 @@ class Geometry {
 
   // Aperture test of one particle between its previous and current state.
   // No shape is tested yet: every particle passes.
-  int Boundary(double time, double timeStep, Particle& particle, std::vector<double> previousRow,
-               std::string outputPath);
+  int Boundary(double time, double timeStep, Particle& particle, const std::array<double, 6>& previousRow,
+               const std::string& outputPath);
 };

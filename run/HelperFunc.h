@@ -22,19 +22,20 @@ double ElapsedMicroseconds(std::chrono::system_clock::time_point t0);
 // A double through printf's "%f".
 std::string FormatFixed(double value);
 
-// Turns (x, y, z) into the frame of a plane or section with the angles
-// a (x-y plane), b (x-z plane) and c (y-z plane), in this order.
-inline void RotateIntoFrame(double a, double b, double c, double& x, double& y, double& z) {
-  const double ca = std::cos(a), sa = std::sin(a);
-  double x1 = x * ca + y * sa;
-  double y1 = y * ca - x * sa;
-  const double cb = std::cos(b), sb = std::sin(b);
-  const double x2 = x1 * cb - z * sb;
-  double z1 = x1 * sb + z * cb;
-  const double cc = std::cos(c), sc = std::sin(c);
-  const double y2 = y1 * cc + z1 * sc;
-  const double z2 = z1 * cc - y1 * sc;
-  x = x2;
-  y = y2;
-  z = z2;
-}
+// Turns vectors into the frame of a plane or section with the angles a (in
+// the x-y plane), b (x-z) and c (y-z), applied in this order. The sines and
+// cosines are taken once, for all the vectors of one frame.
+struct FrameRotation {
+  double ca, sa, cb, sb, cc, sc;
+  FrameRotation(double a, double b, double c)
+      : ca(std::cos(a)), sa(std::sin(a)), cb(std::cos(b)), sb(std::sin(b)), cc(std::cos(c)), sc(std::sin(c)) {}
+  void Apply(double& x, double& y, double& z) const {
+    const double x1 = x * ca + y * sa;
+    const double y1 = y * ca - x * sa;
+    const double x2 = x1 * cb - z * sb;
+    const double z1 = x1 * sb + z * cb;
+    x = x2;
+    y = y1 * cc + z1 * sc;
+    z = z1 * cc - y1 * sc;
+  }
+};

@@ -1,11 +1,5 @@
 #include "spacecharge/ThreadPool.h"
 
-#include <algorithm>
-
-std::size_t ThreadPool::DefaultSize() {
-  return std::max<std::size_t>(std::thread::hardware_concurrency(), 2);
-}
-
 ThreadPool::ThreadPool(std::size_t threads)
     : pool_size(threads), max_queue_size(100000), stop(false), in_flight(0) {
   std::unique_lock<std::mutex> lock(queue_mutex);

@@ -1,4 +1,5 @@
 #pragma once
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
@@ -29,9 +30,6 @@ class ThreadPool {
   void wait_until_empty();
   void wait_until_nothing_in_flight();
 
-  // The processor count, at least 2: the size both pools of a run are made with.
-  static std::size_t DefaultSize();
-
  private:
   std::vector<std::thread> workers;
   unsigned long pool_size;
@@ -55,6 +53,9 @@ class ThreadPool {
   // queue_mutex must be held; the lock argument only documents that.
   void start_worker(std::size_t worker_number, const std::unique_lock<std::mutex>& lock);
 };
+
+// The processor count, at least 2: the size both pools of a run are made with.
+inline std::size_t DefaultPoolSize() { return std::max<std::size_t>(std::thread::hardware_concurrency(), 2); }
 
 template <class F, class... Args>
 auto ThreadPool::enqueue(F&& f, Args&&... args) -> std::future<std::invoke_result_t<F, Args...>> {

@@ -30,7 +30,7 @@ double Microseconds(std::chrono::system_clock::time_point t0) { return ElapsedMi
 
 }  // namespace
 
-MethodMP::MethodMP() : ThreadPool(ThreadPool::DefaultSize()) {}
+MethodMP::MethodMP() : ThreadPool(DefaultPoolSize()) {}
 
 void MethodMP::errorOut(std::string message) {
   std::cout << message << std::endl;
@@ -240,7 +240,8 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
     timePush += Microseconds(pushStart);
 
     // 3. Apertures of the boundary list.
-    if (boundary == 1 && !boundaryList.geometry.empty()) ApplyApertures(beam, lattice, boundaryList, previous, time);
+    if (boundary == 1 && !boundaryList.geometry.empty())
+      ApplyApertures(beam, lattice, boundaryList, previous, time, dt);
 
     // 4. Merge the range sums, in range order.
     RangeAccumulator total;
@@ -447,7 +448,7 @@ void MethodMP::ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, i
 }
 
 void MethodMP::ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryList, PreviousTable& previous,
-                              double time) {
+                              double time, double dt) {
   const double planeZ = lattice.CurrentPlaneZ();
   const bool lastPlanePassed = lattice.planeIndex == static_cast<int>(lattice.outputPlane.size());
   const int last = static_cast<int>(boundaryList.geometry.size()) - 1;
@@ -461,9 +462,7 @@ void MethodMP::ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryLi
     int& k = p.indexBoundary;
     while (k > 0 && z < boundaryList.zStart[k]) --k;
     while (k < last && z >= boundaryList.zEnd[k]) ++k;
-    const std::array<double, 6>& row = previous[i];
-    boundaryList.geometry[k]->Boundary(time, timeStep, p, std::vector<double>(row.begin(), row.end()),
-                                       outputFilePath);
+    boundaryList.geometry[k]->Boundary(time, dt, p, previous[i], outputFilePath);
   }
 }
 

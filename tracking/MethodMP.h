@@ -69,18 +69,19 @@ class MethodMP : public ThreadPool {
  private:
   double latticeEnd = 0.0;  // m, end of the last element of the run's lattice
   void WriteBeamSetHeader(Beam& beam);
-  // Puts a particle back from its crossing row r to the common time, behind
-  // the plane z; momenta from the row.
   // Kicks the crossing rows by the steerer at lattice index `code`, over the
   // length of the element behind it.
   void ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code);
-  void ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryList, PreviousTable& previous, double time);
+  void ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryList, PreviousTable& previous, double time,
+                      double dt);
   // Columns 14 to 17 of the line record: frame state, plane, steps in the
   // bending plane and in z of the reference.
   void FrameColumns(Beam& beam, std::vector<double>& lineRecord, const std::array<double, 6>& previousReference,
                     const std::vector<double>& referenceCurveRow, double startPlane, double time, double dt);
   // The frame of the statistics follows the reference through a curved set.
   void FrameOfReference(Beam& beam, Lattice& lattice, double* referenceCoordinate);
+  // Puts a particle back from its crossing row r to the common time, behind
+  // the plane z; momenta from the row.
   static void RestoreFromRow(Particle& p, const std::vector<double>& r, double z, double commonTime);
   void WriteSimulationTime(const PIC& pic);
 };
