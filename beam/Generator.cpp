@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "beam/PhysicalConstants.h"
+
 namespace {
 
-const double kTwoPi = 6.283185307179586;
-const double kPi = 3.141592653589793;
+using constants::kPi;
+using constants::kTwoPi;
 
 // A uniform number in [0, 1], both ends included.
 double Uniform() { return std::rand() / 2147483647.0; }

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "beam/Generator.h"
+#include "beam/PhysicalConstants.h"
 #include "beamline/Bend.h"
 #include "beamline/Drift.h"
 #include "beamline/Quadrupole.h"
@@ -22,12 +23,7 @@
 
 namespace {
 
-const double kProtonMass = 1.67262171e-27;      // kg, reference mass
-const double kElementaryCharge = 1.60217653e-19;  // C
-const double kLightSpeed = 299792458.0;          // m/s
-const double kMassUnit = 938.27187;              // MeV, rest energy per mass number
-const double kTwoPi = 6.283185307179586;
-const double kPi = 3.141592653589793;
+using namespace constants;
 
 std::string Lower(std::string word) {
   for (char& c : word) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "beam/Beam.h"
+#include "beam/PhysicalConstants.h"
 #include "beamline/Boundary.h"
 #include "beamline/Lattice.h"
 #include "run/ErrorParameter.h"
@@ -24,7 +25,7 @@ class Initial {
   std::vector<double> displacePos = std::vector<double>(3, 0.0);   // m
   std::vector<double> displacedPos = std::vector<double>(3, 0.0);  // rad
   std::vector<int> cores = {-1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
-  double particleRestMass = 938.272029;  // MeV
+  double particleRestMass = constants::kDefaultRestEnergy;  // MeV
   double current = -1.0;                 // mA as read, A after InitParticle
   double frequency = -1.0;               // Hz
   double kineticEnergy = -1.0;           // MeV

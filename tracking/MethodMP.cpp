@@ -11,22 +11,20 @@
 #include <iostream>
 #include <sstream>
 
+#include "beam/PhysicalConstants.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
 #include "tracking/SectionPlan.h"
 
 namespace {
 
-const double kLightSpeed = 299792458.0;
-const double kPi = 3.141592653589793;
+using constants::kLightSpeed;
+using constants::kPi;
 
 template <class T>
 void Put(std::string& buffer, const T& value) {
   buffer.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
-
-// Microseconds since t0, as the time accounts keep them.
-double Microseconds(std::chrono::system_clock::time_point t0) { return ElapsedMicroseconds(t0); }
 
 }  // namespace
 
@@ -96,7 +94,7 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
   std::cout << "Simulation completed, completion time " << TimeStamp() << std::string(77, ' ') << std::endl;
   std::cout << "Total number of cycles " << pic.callCount << ". Solving the number of space charge effects "
             << pic.solveCount << std::endl;
-  timeTotal += Microseconds(t0);
+  timeTotal += ElapsedMicroseconds(t0);
   WriteSimulationTime(pic);
 }
 
@@ -237,7 +235,7 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
               rangeStart[k + 1]);
     wait_until_empty();
     wait_until_nothing_in_flight();
-    timePush += Microseconds(pushStart);
+    timePush += ElapsedMicroseconds(pushStart);
 
     // 3. Apertures of the boundary list.
     if (boundary == 1 && !boundaryList.geometry.empty())
