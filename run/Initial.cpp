@@ -12,53 +12,16 @@
 
 #include "beam/Generator.h"
 #include "beam/PhysicalConstants.h"
-#include "beamline/Bend.h"
-#include "beamline/Drift.h"
-#include "beamline/Quadrupole.h"
-#include "beamline/Solenoid.h"
-#include "beamline/Steerer.h"
+#include "run/DeckReading.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
 #include "tracking/MethodMP.h"
 
-namespace {
-
 using namespace constants;
-
-std::string Lower(std::string word) {
-  for (char& c : word) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return word;
-}
-
-// A keyword line with fewer arguments than the keyword reads is stopped
-// cleanly instead of reading past the end of the line.
-void NeedArguments(const std::vector<std::string>& token, std::size_t count) {
-  if (token.size() >= count + 1) return;
-  Initial::errorOut("keyword: " + token[0] + ", Insufficient parameters, need " + std::to_string(count) +
-                    (count == 1 ? " parameter" : " parameters"));
-}
-
-// meshrms, integralgrid and numofgrid take up to three arguments.
-void AtMostThree(const std::vector<std::string>& token) {
-  if (token.size() <= 4) return;
-  Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 3");
-}
-
-// The common line loop of the keyword decks: every line that has tokens is
-// handed on, with the file already known to be open.
-template <class Handler>
-void ForEachTokenLine(std::ifstream& file, Handler handle) {
-  std::string line;
-  std::vector<std::string> token;
-  while (file.peek() != EOF) {
-    std::getline(file, line);
-    StringSplit(line, token);
-    if (token.empty()) continue;
-    if (!handle(token)) break;
-  }
-}
-
-}  // namespace
+using deck::AtMostThree;
+using deck::ForEachTokenLine;
+using deck::Lower;
+using deck::NeedArguments;
 
 Initial::Initial() : scParameters(20, 1.0), hardwareThreads(omp_get_max_threads()) {
   scParameters[1] = scParameters[2] = scParameters[3] = -1.0;
@@ -238,160 +201,6 @@ int Initial::ReadBeam() {
   return 0;
 }
 
-namespace {
-
-// One row of twenty for an element error line: kind, sense, the element the
-// line applies to (the next one created), then the values.
-std::vector<double> ElementErrorRow(const std::vector<std::string>& token, double kind, double sense,
-                                    int elementCount) {
-  if (token.size() - 1 > 17) Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 17");
-  std::vector<double> row(20, 0.0);
-  row[0] = kind;
-  row[1] = sense;
-  row[2] = static_cast<double>(elementCount);
-  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = std::stod(token[k]);
-  return row;
-}
-
-// One row of twenty switches: kind, sense, then one switch per value.
-std::vector<int> ElementSwitchRow(const std::vector<std::string>& token, int kind, int sense, bool& anyOn) {
-  if (token.size() - 1 > 18) Initial::errorOut("keyword: " + token[0] + ", too many parameters, at most 18");
-  std::vector<int> row(20, 0);
-  row[0] = kind;
-  row[1] = sense;
-  anyOn = false;
-  for (std::size_t k = 1; k < token.size(); ++k) {
-    row[1 + k] = std::stoi(token[k]);
-    if (row[1 + k] != 0) anyOn = true;
-  }
-  return row;
-}
-
-// The beam switches are kept in blocks of thirty: a first block up to place
-// 30, a second up to 60.
-void PadBeamSwitches(std::vector<int>& beamSwitch) {
-  const std::size_t target = beamSwitch.size() <= 30 ? 30 : 60;
-  if (beamSwitch.size() < target) beamSwitch.resize(target, 0);
-}
-
-}  // namespace
-
-int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList) {
-  (void)boundaryList;
-  std::ifstream file(inputFilePath + "lattice.txt");
-  if (!file.is_open())
-    errorOut("File \"lattice.txt\" cannot be opened, Check the inputFile routing and lattice.txt.");
-  std::cout << "Initialising lattice..." << std::endl;
-
-  bool waitingForStart = true;
-  bool closed = false;
-  double automaticOutputStep = 0.0;
-
-  ForEachTokenLine(file, [&](std::vector<std::string>& token) {
-    const std::string& key = token[0];
-    if (waitingForStart) {
-      if (key == "start") waitingForStart = false;
-      return true;
-    }
-    const int elementCount = static_cast<int>(lattice.element.size());
-    if (key == "drift") {
-      lattice.SetElement(token, new Drift());
-    } else if (key == "quad") {
-      lattice.SetElement(token, new Quadrupole());
-    } else if (key == "solenoid") {
-      lattice.SetElement(token, new Solenoid());
-    } else if (key == "steerer") {
-      lattice.SetElement(token, new Steerer());
-    } else if (key == "bend") {
-      lattice.SetElement(token, new Bend());
-    } else if (key == "automaticoutput") {
-      NeedArguments(token, 1);
-      automaticOutputStep = std::stod(token[1]);
-      // A negative step would fill the plane list without end.
-      if (automaticOutputStep < 0.0) errorOut("automaticoutput needs a step of 0 or more metres");
-    } else if (key == "outputplane") {
-      NeedArguments(token, 1);
-      const double value = std::stod(token[1]);
-      outputPlanes.push_back(lattice.zEnd.empty() ? value : lattice.zEnd.back() + value);
-    } else if (key == "err_step") {
-      NeedArguments(token, 2);
-      error.errStep[0] = std::stoi(token[1]);
-      error.errStep[1] = std::stoi(token[2]);
-    } else if (key == "err_beam_stat" || key == "err_beam_dyn") {
-      error.beamError.push_back(key == "err_beam_stat" ? 0.0 : 1.0);
-      for (std::size_t k = 1; k < token.size(); ++k) error.beamError.push_back(std::stod(token[k]));
-      PadBeamSwitches(error.beamSwitch);
-    } else if (key == "err_beam_stat_on" || key == "err_beam_dyn_on") {
-      const int sense = key == "err_beam_stat_on" ? 0 : 1;
-      error.beamSwitch.push_back(sense);
-      bool anyOn = false;
-      for (std::size_t k = 1; k < token.size(); ++k) {
-        error.beamSwitch.push_back(std::stoi(token[k]));
-        if (error.beamSwitch.back() != 0) anyOn = true;
-      }
-      PadBeamSwitches(error.beamSwitch);
-      if (anyOn) error.onFlag[sense] = 1;
-    } else if (key == "err_quad_ncpl_stat") {
-      error.elementError.push_back(ElementErrorRow(token, 0.0, 0.0, elementCount));
-    } else if (key == "err_quad_ncpl_dyn") {
-      error.elementError.push_back(ElementErrorRow(token, 0.0, 1.0, elementCount));
-    } else if (key == "err_cav_ncpl_stat") {
-      error.elementError.push_back(ElementErrorRow(token, 1.0, 0.0, elementCount));
-    } else if (key == "err_cav_ncpl_dyn") {
-      error.elementError.push_back(ElementErrorRow(token, 1.0, 1.0, elementCount));
-    } else if (key == "err_quad_stat_on" || key == "err_quad_dyn_on" || key == "err_cav_stat_on" ||
-               key == "err_cav_dyn_on") {
-      const int kind = key.compare(4, 3, "cav") == 0 ? 1 : 0;
-      const int sense = key.find("_dyn_") != std::string::npos ? 1 : 0;
-      bool anyOn = false;
-      error.elementSwitch.push_back(ElementSwitchRow(token, kind, sense, anyOn));
-      if (anyOn) error.onFlag[2 + sense] = 1;
-    } else if (key == "field" || key == "rfq" || key == "superpose") {
-      // Dropping such a line would shift everything behind it upstream.
-      errorOut("lattice.txt: the keyword " + key + " is not supported by this build yet");
-    } else if (key == "end") {
-      closed = true;
-      return false;
-    }
-    // Any other word behind start is ignored.
-    return true;
-  });
-  file.close();
-
-  if (closed) {
-    error.elementNumber = static_cast<int>(lattice.element.size());
-    const double total = lattice.zEnd.empty() ? 0.0 : lattice.zEnd.back();
-    outputPlanes.push_back(total);
-
-    if (automaticOutputStep != 0.0) {
-      // Fill gaps wider than twice the step with planes one step apart; every
-      // plane of the deck stays.
-      const double d = automaticOutputStep;
-      const std::vector<double> given = outputPlanes;
-      outputPlanes.assign(1, 0.0);
-      for (double p : given) {
-        while (p - outputPlanes.back() > 2.0 * d) outputPlanes.push_back(outputPlanes.back() + d);
-        outputPlanes.push_back(p);
-      }
-    }
-
-    std::vector<double> closing(7, 0.0);
-    closing[6] = total;
-    if (lattice.outputPlane.empty()) {
-      lattice.outputPlane.push_back(closing);
-    } else {
-      lattice.planeCount = static_cast<int>(lattice.outputPlane.size());
-      if (lattice.outputPlane.back()[6] < total) lattice.outputPlane.push_back(closing);
-    }
-
-    std::cout << "Lattice initialisation complete, total length " << total << " m" << std::endl;
-    std::cout << "A total of " << outputPlanes.size() << " output planes" << std::endl;
-    std::cout << "  " << std::endl;
-  }
-
-  if (boundary == 1) errorOut("Aperture lists from boundary.txt are not supported by this build yet");
-  return 0;
-}
 
 void Initial::ApplySolverSettings(int count) {
   if (spaceCharge != 1) {
