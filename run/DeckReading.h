@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <fstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "run/HelperFunc.h"
@@ -31,16 +32,25 @@ inline void AtMostThree(const std::vector<std::string>& token) {
 }
 
 // The common line loop of the keyword decks: every line that has tokens is
-// handed on, with the file already known to be open.
+// handed on, with the file already known to be open. A handler that takes
+// three arguments also gets the line number (from 1) and the line as written,
+// so that it can point a user at the line it could not use.
 template <class Handler>
 void ForEachTokenLine(std::ifstream& file, Handler handle) {
   std::string line;
   std::vector<std::string> token;
+  int lineNumber = 0;
   while (file.peek() != EOF) {
     std::getline(file, line);
+    ++lineNumber;
     StringSplit(line, token);
     if (token.empty()) continue;
-    if (!handle(token)) break;
+    bool goOn;
+    if constexpr (std::is_invocable_v<Handler&, std::vector<std::string>&, int, const std::string&>)
+      goOn = handle(token, lineNumber, line);
+    else
+      goOn = handle(token);
+    if (!goOn) break;
   }
 }
 

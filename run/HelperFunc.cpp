@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <sstream>
 
 void StringSplit(const std::string& line, std::vector<std::string>& tokens) {
   tokens.clear();
@@ -42,4 +43,10 @@ std::string FormatFixed(double value) {
   char buffer[512];
   std::snprintf(buffer, sizeof buffer, "%f", value);
   return buffer;
+}
+
+std::string FormatNumber(double value) {
+  std::ostringstream s;
+  s << value;
+  return s.str();
 }

@@ -22,6 +22,10 @@ double ElapsedMicroseconds(std::chrono::system_clock::time_point t0);
 // A double through printf's "%f".
 std::string FormatFixed(double value);
 
+// A double in the stream's default format (six significant digits), as the
+// console lines print it.
+std::string FormatNumber(double value);
+
 // Turns vectors into the frame of a plane or section with the angles a (in
 // the x-y plane), b (x-z) and c (y-z), applied in this order. The sines and
 // cosines are taken once, for all the vectors of one frame.

@@ -1,6 +1,9 @@
 #include "run/Initial.h"
 
 #include <omp.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +11,9 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 
 #include "beam/Generator.h"
 #include "beam/PhysicalConstants.h"
@@ -36,6 +41,13 @@ void Initial::errorOut(std::string message) {
   log << TimeStamp() << "   Initialisation stage error: " << message << "\n" << std::flush;
   log.close();
   std::exit(1);
+}
+
+void Initial::CheckOutputFolder() const {
+  struct stat info;
+  const bool folder = stat(outputFilePath.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+  if (!folder || access(outputFilePath.c_str(), W_OK | X_OK) != 0)
+    errorOut("The output folder " + outputFilePath + " does not exist or cannot be written");
 }
 
 int Initial::Read() {
@@ -82,7 +94,11 @@ int Initial::Read() {
       scanTStep = std::stod(token[1]);
     } else if (key == "dumpperiodicity") {
       NeedArguments(token, 1);
-      dumpPeriodicity = static_cast<int>(std::stod(token[1]));
+      const double period = std::stod(token[1]);
+      if (!(period >= 0.0 && period < 2147483648.0))
+        errorOut("keyword: dumpperiodicity, the dump period must be 0 (no dumps) or a number of steps, got " +
+                 token[1]);
+      dumpPeriodicity = static_cast<int>(period);
     } else if (key == "spacecharge") {
       NeedArguments(token, 1);
       spaceCharge = std::stoi(token[1]);
@@ -96,6 +112,11 @@ int Initial::Read() {
     } else if (key == "steppercycle") {
       NeedArguments(token, 1);
       stepPerCycle = std::stod(token[1]);
+      // The time step is one period over this number: it must move the
+      // bunch forward, or no stop is ever reached.
+      if (!(std::isfinite(stepPerCycle) && stepPerCycle > 0.0))
+        errorOut("keyword: steppercycle, the number of time steps per period must be positive and finite, got " +
+                 token[1]);
       if (token.size() > 2) releaseDistance = std::stod(token[2]);
     } else if (key == "runperiod") {
       NeedArguments(token, 1);
@@ -245,6 +266,49 @@ void Initial::ApplyThreadSettings(int count) {
   }
 }
 
+void Initial::CheckBeamValues() const {
+  auto refuse = [](const std::string& what, double value) {
+    errorOut("beam.txt: " + what + ", got " + FormatNumber(value));
+  };
+  if (!(std::isfinite(kineticEnergy) && kineticEnergy > 0.0)) refuse("kneticenergy must be a positive number of MeV", kineticEnergy);
+  if (!(std::isfinite(frequency) && frequency > 0.0)) refuse("frequency must be a positive number of Hz", frequency);
+  if (!(std::isfinite(particleRestMass) && particleRestMass > 0.0))
+    refuse("particlerestmass must be a positive number of MeV", particleRestMass);
+  if (!(std::isfinite(numOfCharge) && numOfCharge != 0.0)) refuse("numofcharge must be a non-zero charge state", numOfCharge);
+  if (!(std::isfinite(current) && (current >= 0.0 || (current == -1.0 && particleNumber == 1))))
+    refuse("current must be 0 or more mA", current);
+  if (particleNumber == 1) return;  // one particle: no Twiss parameters are read
+  static const char* const plane[3] = {"twissx", "twissy", "twissz"};
+  for (int k = 0; k < 3; ++k) {
+    const double emittance = twiss[3 * k], beta = twiss[3 * k + 1], alpha = twiss[3 * k + 2];
+    if (emittance == -1.0 && beta == -1.0 && alpha == -1.0)
+      errorOut(std::string("beam.txt lacks the keyword ") + plane[k] + ", which the bunch generation needs");
+    if (!(std::isfinite(beta) && beta > 0.0)) refuse(std::string(plane[k]) + " beta must be above 0", beta);
+    if (!(std::isfinite(emittance) && emittance > 0.0))
+      refuse(std::string(plane[k]) + " emittance must be above 0 mm mrad", emittance);
+    if (!std::isfinite(alpha)) refuse(std::string(plane[k]) + " alpha must be a finite number", alpha);
+  }
+}
+
+void Initial::CheckMemoryFor(int count) const {
+  // What one particle costs through a run: its record, its generated row,
+  // two crossing rows, the previous state and its mesh cell, with the
+  // allocator's overhead on each small vector.
+  const double perParticle = static_cast<double>(sizeof(Particle)) + 88.0 + 2.0 * 104.0 + 48.0 + 56.0;
+  const double needed = (static_cast<double>(count) + 1.0) * perParticle;
+  double usable = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGE_SIZE));
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
+    usable = std::min(usable, static_cast<double>(limit.rlim_cur));
+  // The slot count is particleNumber + 1 in a signed int.
+  if (count >= 2147483647 || needed > usable) {
+    std::ostringstream message;
+    message << std::fixed << std::setprecision(1) << "beam.txt: particlenumber " << count << " needs about "
+            << needed / 1073741824.0 << " GiB of memory, but only " << usable / 1073741824.0 << " GiB can be used";
+    errorOut(message.str());
+  }
+}
+
 int Initial::InitParticle(Beam& beam, ErrorSample& sample) {
   ReadBeam();
 
@@ -279,6 +343,8 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
   else if (numOfCharge == -1.0) missing = "numofcharge";
   else if (current == -1.0 && N != 1) missing = "current";
   if (missing) errorOut(std::string("beam.txt lacks the keyword ") + missing + ", which the bunch generation needs");
+  CheckBeamValues();
+  CheckMemoryFor(N);
 
   const double W = kineticEnergy;
   const double m = particleRestMass;

@@ -58,6 +58,12 @@ class Initial {
   int Read();                                                   // input.txt
   int ReadBeam();                                               // beam.txt
   int InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList);  // lattice.txt
+  // Stops a run whose lattice cannot be tracked before anything is built:
+  // no start or end line, no element, or an error study this build cannot
+  // draw yet.
+  void CheckLattice(const Lattice& lattice, const ErrorParameter& error) const;
+  // Stops a run whose output folder cannot take its files.
+  void CheckOutputFolder() const;
   int InitParticle(Beam& beam, ErrorSample& sample);            // builds the bunch
   int InitMethodMP(MethodMP& engine);
 
@@ -66,9 +72,15 @@ class Initial {
   [[noreturn]] static void errorOut(std::string message);
 
  private:
+  bool latticeStarted = false;  // lattice.txt had its start line
+  bool latticeClosed = false;   // and its end line
   void ApplySolverSettings(int count);
   void ApplyThreadSettings(int count);
   void GenerateBunch(Beam& beam, const std::vector<double>* beamErrors);
+  // Refuse beam.txt values that cannot describe a real bunch.
+  void CheckBeamValues() const;
+  // Refuse a particle count whose records do not fit in memory.
+  void CheckMemoryFor(int count) const;
   void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
   // Moves one particle from the file form to the head's time; returns its gamma.
   double ToCommonTime(Beam& beam, Particle& p) const;

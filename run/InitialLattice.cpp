@@ -1,3 +1,4 @@
+#include <cmath>
 #include <fstream>
 #include <iostream>
 
@@ -49,6 +50,57 @@ void PadBeamSwitches(std::vector<int>& beamSwitch) {
   if (beamSwitch.size() < target) beamSwitch.resize(target, 0);
 }
 
+// The line as the user wrote it, without the carriage return of a
+// Windows-edited deck.
+std::string AsWritten(const std::string& line) {
+  return !line.empty() && line.back() == '\r' ? line.substr(0, line.size() - 1) : line;
+}
+
+// Shortest token list each simple element reads.
+std::size_t MinimumTokens(const std::string& key) {
+  if (key == "drift") return 4;
+  if (key == "quad") return 6;
+  if (key == "steerer") return 7;
+  return 5;  // solenoid, bend
+}
+
+// Places a simple element. A short line keeps the element's own report (the
+// run goes on with the element unconfigured) and adds where the line stands.
+// A length that cannot describe a beamline stops the run; a steerer may be
+// thin, since it only marks where the kick acts.
+void PlaceSimpleElement(Lattice& lattice, std::vector<std::string>& token, Element* element, int lineNumber,
+                        const std::string& line, int& lastSteererLine) {
+  const std::string key = token[0];
+  const bool isSteerer = key == "steerer";
+  const bool afterSteerer = lastSteererLine > 0 && lattice.element.size() == static_cast<std::size_t>(lastSteererLine);
+  const bool first = lattice.element.empty();
+  const bool complete = token.size() >= MinimumTokens(key);
+  lattice.SetElement(token, element);
+  if (!complete) {
+    std::cout << "lattice.txt line " << lineNumber << ": \"" << AsWritten(line) << "\" has too few values for a "
+              << key << "; the element is left unconfigured" << std::endl;
+  } else {
+    const double length = element->length;
+    if (!(std::isfinite(length) && (length > 0.0 || (isSteerer && length == 0.0))))
+      Initial::errorOut("lattice.txt line " + std::to_string(lineNumber) + ": the length of a " + key +
+                        " must be a positive number of metres, got " + token[1] + " in \"" + AsWritten(line) + "\"");
+  }
+  if (isSteerer) {
+    // The kick acts in the element behind the steerer; a steerer with no
+    // element before it, or standing right behind another, is never applied.
+    if (first)
+      std::cout << "Warning! The steerer on lattice.txt line " << lineNumber
+                << " is the first element of the lattice and gives no kick" << std::endl;
+    else if (afterSteerer)
+      std::cout << "Warning! The steerer on lattice.txt line " << lineNumber
+                << " stands right behind another steerer and gives no kick" << std::endl;
+    lastSteererLine = static_cast<int>(lattice.element.size());
+  }
+}
+
+// More planes than this cannot be meant; each one is a file.
+constexpr double kMaxAutomaticPlanes = 100000.0;
+
 }  // namespace
 
 int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList) {
@@ -61,29 +113,34 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
   bool waitingForStart = true;
   bool closed = false;
   double automaticOutputStep = 0.0;
+  int lastSteererLine = 0;  // element count right after the last steerer
 
-  ForEachTokenLine(file, [&](std::vector<std::string>& token) {
+  ForEachTokenLine(file, [&](std::vector<std::string>& token, int lineNumber, const std::string& line) {
     const std::string& key = token[0];
     if (waitingForStart) {
-      if (key == "start") waitingForStart = false;
+      if (key == "start") {
+        waitingForStart = false;
+        latticeStarted = true;
+      }
       return true;
     }
     const int elementCount = static_cast<int>(lattice.element.size());
     if (key == "drift") {
-      lattice.SetElement(token, new Drift());
+      PlaceSimpleElement(lattice, token, new Drift(), lineNumber, line, lastSteererLine);
     } else if (key == "quad") {
-      lattice.SetElement(token, new Quadrupole());
+      PlaceSimpleElement(lattice, token, new Quadrupole(), lineNumber, line, lastSteererLine);
     } else if (key == "solenoid") {
-      lattice.SetElement(token, new Solenoid());
+      PlaceSimpleElement(lattice, token, new Solenoid(), lineNumber, line, lastSteererLine);
     } else if (key == "steerer") {
-      lattice.SetElement(token, new Steerer());
+      PlaceSimpleElement(lattice, token, new Steerer(), lineNumber, line, lastSteererLine);
     } else if (key == "bend") {
-      lattice.SetElement(token, new Bend());
+      PlaceSimpleElement(lattice, token, new Bend(), lineNumber, line, lastSteererLine);
     } else if (key == "automaticoutput") {
       NeedArguments(token, 1);
       automaticOutputStep = std::stod(token[1]);
       // A negative step would fill the plane list without end.
-      if (automaticOutputStep < 0.0) errorOut("automaticoutput needs a step of 0 or more metres");
+      if (!(automaticOutputStep >= 0.0) || std::isinf(automaticOutputStep))
+        errorOut("automaticoutput needs a step of 0 or more metres, got " + token[1]);
     } else if (key == "outputplane") {
       NeedArguments(token, 1);
       const double value = std::stod(token[1]);
@@ -125,7 +182,7 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       // Dropping such a line would shift everything behind it upstream.
       errorOut("lattice.txt: the keyword " + key + " is not supported by this build yet");
     } else if (key == "end") {
-      closed = true;
+      closed = latticeClosed = true;
       return false;
     }
     // Any other word behind start is ignored.
@@ -142,6 +199,9 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       // Fill gaps wider than twice the step with planes one step apart; every
       // plane of the deck stays.
       const double d = automaticOutputStep;
+      if (total / d > kMaxAutomaticPlanes)
+        errorOut("automaticoutput " + FormatNumber(d) + " would make about " + FormatNumber(std::floor(total / d)) +
+                 " output planes over " + FormatNumber(total) + " m; at most 100000 are allowed, choose a larger step");
       const std::vector<double> given = outputPlanes;
       outputPlanes.assign(1, 0.0);
       for (double p : given) {
@@ -166,4 +226,12 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
 
   if (boundary == 1) errorOut("Aperture lists from boundary.txt are not supported by this build yet");
   return 0;
+}
+
+void Initial::CheckLattice(const Lattice& lattice, const ErrorParameter& error) const {
+  if (!latticeStarted) errorOut("lattice.txt has no start line, so no element was read");
+  if (!latticeClosed) errorOut("lattice.txt has no end line, the lattice is not closed");
+  if (lattice.element.empty()) errorOut("lattice.txt holds no element between start and end");
+  if (error.onFlag[0] + error.onFlag[1] + error.onFlag[2] + error.onFlag[3] != 0)
+    errorOut("lattice.txt: error studies (err_ on-switches) are not supported by this build yet");
 }

@@ -55,10 +55,13 @@ int main_agent() {
 
   Initial init;
   init.Read();
+  // Nothing is tracked into a folder that cannot take the results.
+  init.CheckOutputFolder();
   ErrorParameter error;
   Lattice lattice;
   Boundary boundary;
   init.InitLattice(lattice, error, boundary);
+  init.CheckLattice(lattice, error);
 
   const int flagSum = error.onFlag[0] + error.onFlag[1] + error.onFlag[2] + error.onFlag[3];
   if (flagSum == 0) {

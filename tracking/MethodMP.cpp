@@ -21,6 +21,12 @@ namespace {
 using constants::kLightSpeed;
 using constants::kPi;
 
+bool AllFinite(const double* values, int count) {
+  for (int k = 0; k < count; ++k)
+    if (!std::isfinite(values[k])) return false;
+  return true;
+}
+
 template <class T>
 void Put(std::string& buffer, const T& value) {
   buffer.append(reinterpret_cast<const char*>(&value), sizeof value);
@@ -287,6 +293,12 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
     beam.rms[0] = rmsValue[0];
     beam.rms[1] = rmsValue[2];
     beam.rms[2] = std::sqrt(total.sumRestLength / n);
+    // A bunch that is no longer a number must neither be written nor pass a
+    // stop: NaN positions compare false and would look like a passed tail.
+    // With no particle left the means are 0/0; step 10 reports that case.
+    if (beam.aliveNumber > 0 && n > 0 &&
+        (!AllFinite(beam.average.data(), 6) || !AllFinite(rmsValue, 6) || !std::isfinite(newGamma)))
+      NotFiniteStop(stepCounter - 1);
     beam.gamma = newGamma;
     beam.bunchScale = c / beam.frequency * beam.average[5];
     g = newGamma;
@@ -589,6 +601,13 @@ void MethodMP::UpdateBeamParameters(Beam& beam, Lattice&) {
   beam.rms[0] = std::sqrt(sx / beam.aliveNumber);
   beam.rms[1] = std::sqrt(sy / beam.aliveNumber);
   beam.rms[2] = std::sqrt(sz / beam.aliveNumber);
+  if (beam.aliveNumber > 0 && (!AllFinite(beam.average.data(), 6) || !AllFinite(beam.rms.data(), 3)))
+    NotFiniteStop(stepCounter);
+}
+
+void MethodMP::NotFiniteStop(int step) {
+  errorOut("The bunch is not finite at step " + std::to_string(step) +
+           ": its mean or rms values are not numbers, the run is stopped");
 }
 
 void MethodMP::synPout(Beam& beam, double&) {

@@ -65,6 +65,8 @@ class MethodMP : public ThreadPool {
   void simulationProgress(Beam& beam, ErrorSample& sample);
   // Reports a failure of the tracking stage and ends the process, status 2.
   [[noreturn]] void errorOut(std::string message);
+  // The run cannot go on once the bunch's moments are not numbers.
+  [[noreturn]] void NotFiniteStop(int step);
 
  private:
   double latticeEnd = 0.0;  // m, end of the last element of the run's lattice

@@ -42,7 +42,8 @@ TEST(InitLatticeDeck, PlacesElementsEndToEndAndCloses) {
   EXPECT_EQ(std::vector<int>({d.lattice.planeCount, d.error.elementNumber, d.error.errStep[0], d.error.errStep[1]}),
             std::vector<int>({0, 6, 3, 4}));
   EXPECT_EQ(d.console, "Initialising lattice...\nError! parameter not enough in element : \n\ndrift\t0.5\t0.1\t\n"
-                       "Lattice initialisation complete, total length 3 m\nA total of 3 output planes\n  \n");
+                       "lattice.txt line 12: \"drift 0.5 0.1\" has too few values for a drift; the element is left "
+                       "unconfigured\nLattice initialisation complete, total length 3 m\nA total of 3 output planes\n  \n");
 }
 
 // Without `start` nothing is built; without `end` the closing work is skipped. automaticoutput fills gaps
