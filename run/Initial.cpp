@@ -23,6 +23,10 @@
 #include "tracking/MethodMP.h"
 
 using namespace constants;
+
+// More time steps than this would not end in any useful time; a step this
+// fine comes from a misprint in steppercycle, frequency or a length.
+constexpr double kMaxTimeSteps = 1e8;
 using deck::AtMostThree;
 using deck::ForEachTokenLine;
 using deck::Lower;
@@ -48,6 +52,24 @@ void Initial::CheckOutputFolder() const {
   const bool folder = stat(outputFilePath.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
   if (!folder || access(outputFilePath.c_str(), W_OK | X_OK) != 0)
     errorOut("The output folder " + outputFilePath + " does not exist or cannot be written");
+}
+
+void Initial::CheckStepCount(double bunchDuration) const {
+  // The last output plane is the end of the lattice; the tail of the bunch
+  // must pass it, bunchDuration after the head.
+  if (outputPlanes.empty()) return;
+  const double length = outputPlanes.back();
+  const double gamma = 1.0 + kineticEnergy / particleRestMass;
+  const double beta = std::sqrt(1.0 - 1.0 / (gamma * gamma));
+  const double steps = (length / (beta * kLightSpeed) + bunchDuration) * frequency * stepPerCycle;
+  if (steps <= kMaxTimeSteps) return;
+  const std::string count = FormatNumber(steps) + " time steps";
+  const std::string limit = "; at most 1e+08 are allowed";
+  if (bunchDuration == 0.0)
+    errorOut("steppercycle " + FormatNumber(stepPerCycle) + " at frequency " + FormatNumber(frequency) +
+             " Hz would take about " + count + " over the " + FormatNumber(length) + " m lattice" + limit);
+  errorOut("beam.txt: the generated bunch takes " + FormatNumber(bunchDuration) +
+           " s to pass a plane, which would need about " + count + limit + "; check the twiss lines");
 }
 
 int Initial::Read() {
@@ -345,6 +367,7 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
   if (missing) errorOut(std::string("beam.txt lacks the keyword ") + missing + ", which the bunch generation needs");
   CheckBeamValues();
   CheckMemoryFor(N);
+  CheckStepCount(0.0);
 
   const double W = kineticEnergy;
   const double m = particleRestMass;
@@ -470,6 +493,14 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
       }
     }
 
+    CheckStepCount((maxPhase - minPhase) / (kTwoPi * beam.frequency));
+    // Extreme but accepted values (an energy of 1e300 MeV) can still
+    // overflow; such a bunch is refused before anything is written.
+    for (int i = 0; i < N; ++i)
+      for (double v : beam.particle[i].coordinate)
+        if (!std::isfinite(v))
+          errorOut("beam.txt: the generated bunch is not finite (particle " + std::to_string(i) +
+                   "); check kneticenergy, particlerestmass and the twiss lines");
     WriteDistribution(beam, "inData.dst");
 
     beam.phaseStart = (maxPhase - minPhase) / (kTwoPi * beam.frequency);

@@ -81,6 +81,9 @@ class Initial {
   void CheckBeamValues() const;
   // Refuse a particle count whose records do not fit in memory.
   void CheckMemoryFor(int count) const;
+  // Refuse a time step that would need more steps to cross the lattice than
+  // any run can make.
+  void CheckStepCount(double bunchDuration) const;
   void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
   // Moves one particle from the file form to the head's time; returns its gamma.
   double ToCommonTime(Beam& beam, Particle& p) const;

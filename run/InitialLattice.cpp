@@ -200,7 +200,7 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       // plane of the deck stays.
       const double d = automaticOutputStep;
       if (total / d > kMaxAutomaticPlanes)
-        errorOut("automaticoutput " + FormatNumber(d) + " would make about " + FormatNumber(std::floor(total / d)) +
+        errorOut("automaticoutput " + FormatNumber(d) + " would make about " + FormatNumber(total / d) +
                  " output planes over " + FormatNumber(total) + " m; at most 100000 are allowed, choose a larger step");
       const std::vector<double> given = outputPlanes;
       outputPlanes.assign(1, 0.0);

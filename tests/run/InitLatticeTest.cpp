@@ -89,3 +89,15 @@ TEST(InitLatticeDeck, ErrorKeywordsWriteTheirRowsAndFlags) {
     EXPECT_EQ(e.onFlag, c.flags) << c.lines;
   }
 }
+
+// A steerer kicks in the element behind it: first in the lattice or right behind another it never acts, which the
+// reader says with the line; a thin steerer is allowed, other elements need a length.
+TEST(InitLatticeDeck, SteerersThatCannotKickAreNamed) {
+  const Deck d("start\nsteerer 0 0.02 0 0 0.001 0 0\ndrift 0.5 0.02 0\nsteerer 0 0.02 0 0 0.001 0 0\n"
+               "! two in a row\nsteerer 0 0.02 0 0 0.001 0 0\ndrift 0.5 0.02 0\nend\n");
+  EXPECT_EQ(d.lattice.zEnd, Doubles({0, 0.5, 0.5, 0.5, 1.0}));
+  EXPECT_EQ(d.console, "Initialising lattice...\n"
+                       "Warning! The steerer on lattice.txt line 2 is the first element of the lattice and gives no kick\n"
+                       "Warning! The steerer on lattice.txt line 6 stands right behind another steerer and gives no "
+                       "kick\nLattice initialisation complete, total length 1 m\nA total of 1 output planes\n  \n");
+}

@@ -83,3 +83,22 @@ TEST(RunEndToEnd, StageFailuresExitWithStatusTwoAndLogLine) {
     EXPECT_EQ(log[c].substr(21), "   simulation stage error: " + cases[c].second);
   }
 }
+
+// A kick of 1e300 T over 0.3 m overflows every momentum: the run stops with status 2 at the first step whose means
+// are no numbers, instead of writing NaN lines and calling the passed NaN tail a success.
+TEST(RunEndToEnd, NonFiniteBunchStopsWithStatusTwo) {
+  TempDir dir;
+  const std::string out = dir.subdir("out");
+  const RunResult r = RunDeck(dir, out, 200, "drift 0.3 0.02 0\nsteerer 0.0 0.02 0 0.0 1e300 0 0\ndrift 0.3 0.02 0\n");
+  EXPECT_EQ(r.status, 2) << r.output;
+  const std::string message = "The bunch is not finite at step \\d+: its mean or rms values are not numbers, the run "
+                              "is stopped";
+  EXPECT_TRUE(std::regex_search(r.output, std::regex("\n" + message + "\n"))) << r.output;
+  const std::vector<std::string> log = ReadLines(out + "/ErrorLog.txt");
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_TRUE(std::regex_match(log[0].substr(21), std::regex("   simulation stage error: " + message))) << log[0];
+  const std::vector<std::string> lines = ReadLines(out + "/DataSet.txt");
+  ASSERT_GT(lines.size(), 10u);
+  for (const std::string& line : lines)
+    for (double v : Numbers(line)) ASSERT_TRUE(std::isfinite(v)) << line;
+}

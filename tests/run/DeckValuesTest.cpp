@@ -1,0 +1,153 @@
+// Values no real beam or beamline can have stop the run at initialisation: status 1, the whole message on the
+// console and as the last ErrorLog.txt line, and nothing else written to the output folder.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+using namespace keldtest;
+
+namespace {
+
+// A 0.6 m field-free line and 300 protons of 3 MeV without current.
+const std::map<std::string, std::string> kBase = {
+    {"input.txt", "spacecharge 0\nsteppercycle 50\n"},
+    {"beam.txt", "numofcharge 1\nkneticenergy 3.0\nfrequency 352.2e6\ncurrent 0\nparticlenumber 300\n"
+                 "twissx -0.5 0.3 0.2\ntwissy 0.5 0.3 0.2\ntwissz 0.0 3.2 0.1\n"},
+    {"lattice.txt", "start\ndrift 0.3 0.02 0\ndrift 0.3 0.02 0\nend\n"}};
+
+struct Case {
+  std::string deck, find, replace;  // the base deck with `find` replaced (empty `find`: the whole deck)
+  std::string message;              // a regular expression for the whole message
+};
+
+std::vector<std::string> Listing(const std::string& folder) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(folder.c_str())) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') names.push_back(e->d_name);
+    closedir(d);
+  }
+  return names;
+}
+
+// Runs every case in a fresh output folder and checks the status, the message and the log line.
+void ExpectRefused(const std::vector<Case>& cases) {
+  for (const Case& c : cases) {
+    TempDir dir;
+    const std::string in = dir.subdir("in"), out = dir.subdir("out");
+    for (const auto& [name, text] : kBase) {
+      std::string content = text;
+      if (name == c.deck) {
+        if (c.find.empty()) {
+          content = c.replace;
+        } else {
+          const std::size_t at = content.find(c.find);
+          ASSERT_NE(at, std::string::npos) << c.find;
+          content.replace(at, c.find.size(), c.replace);
+        }
+      }
+      WriteFile(in + "/" + name, content);
+    }
+    const RunResult r = RunKeld(in, out);
+    EXPECT_EQ(r.status, 1) << c.replace << "\n" << r.output;
+    const std::regex whole(c.message);
+    const std::size_t lastLine = r.output.rfind('\n', r.output.size() - 2);
+    const std::string last = r.output.substr(lastLine + 1, r.output.size() - lastLine - 2);
+    EXPECT_TRUE(std::regex_match(last, whole)) << c.replace << "\n" << last;
+    const std::vector<std::string> log = ReadLines(out + "/ErrorLog.txt");
+    ASSERT_EQ(log.size(), 1u) << c.replace;
+    EXPECT_TRUE(std::regex_match(log[0].substr(21), std::regex("   Initialisation stage error: " + c.message)))
+        << log[0];
+    EXPECT_EQ(Listing(out), std::vector<std::string>({"ErrorLog.txt"})) << c.replace;
+  }
+}
+
+}  // namespace
+
+TEST(DeckValues, RunDeckRefusesStepsThatNeverReachAStop) {
+  ExpectRefused({
+      {"input.txt", "steppercycle 50", "steppercycle -50",
+       "keyword: steppercycle, the number of time steps per period must be positive and finite, got -50"},
+      {"input.txt", "steppercycle 50", "steppercycle 0",
+       "keyword: steppercycle, the number of time steps per period must be positive and finite, got 0"},
+      {"input.txt", "steppercycle 50", "steppercycle nan",
+       "keyword: steppercycle, the number of time steps per period must be positive and finite, got nan"},
+      {"input.txt", "steppercycle 50", "dumpperiodicity -3",
+       R"(keyword: dumpperiodicity, the dump period must be 0 \(no dumps\) or a number of steps, got -3)"},
+      // 1e12 steps per period over 0.6 m at beta 0.08 is about 8.8e12 steps.
+      {"input.txt", "steppercycle 50", "steppercycle 1e12",
+       R"(steppercycle 1e\+12 at frequency 3\.522e\+08 Hz would take about 8\.8\d+e\+12 time steps over the 0\.6 m )"
+       R"(lattice; at most 1e\+08 are allowed)"},
+      {"beam.txt", "frequency 352.2e6", "frequency 352.2e16",
+       R"(steppercycle 50 at frequency 3\.522e\+18 Hz would take about 4\.4\d+e\+12 time steps over the 0\.6 m )"
+       R"(lattice; at most 1e\+08 are allowed)"},
+      // A bunch 3e7 m long (beta 1e20 m) has no end to wait for.
+      {"beam.txt", "twissz 0.0 3.2 0.1", "twissz 0.0 1e20 0.1",
+       R"(beam.txt: the generated bunch takes \S+ s to pass a plane, which would need about \S+ time steps; at most )"
+       R"(1e\+08 are allowed; check the twiss lines)"},
+  });
+}
+
+TEST(DeckValues, BeamDeckRefusesValuesNoBunchCanHave) {
+  const std::string memory = R"( needs about \d+\.\d GiB of memory, but only \d+\.\d GiB can be used)";
+  ExpectRefused({
+      {"beam.txt", "kneticenergy 3.0", "kneticenergy 0", "beam.txt: kneticenergy must be a positive number of MeV, got 0"},
+      {"beam.txt", "kneticenergy 3.0", "kneticenergy -3",
+       "beam.txt: kneticenergy must be a positive number of MeV, got -3"},
+      {"beam.txt", "frequency 352.2e6", "frequency -352.2e6",
+       R"(beam.txt: frequency must be a positive number of Hz, got -3\.522e\+08)"},
+      {"beam.txt", "frequency 352.2e6", "frequency 0", "beam.txt: frequency must be a positive number of Hz, got 0"},
+      {"beam.txt", "numofcharge 1", "numofcharge 0", "beam.txt: numofcharge must be a non-zero charge state, got 0"},
+      {"beam.txt", "current 0", "current -5", "beam.txt: current must be 0 or more mA, got -5"},
+      {"beam.txt", "numofcharge 1", "numofcharge 1\nparticlerestmass -938",
+       "beam.txt: particlerestmass must be a positive number of MeV, got -938"},
+      {"beam.txt", "twissx -0.5 0.3 0.2", "twissx -0.5 0 0.2", "beam.txt: twissx beta must be above 0, got 0"},
+      {"beam.txt", "twissy 0.5 0.3 0.2", "twissy 0.5 0.3 -0.2",
+       "beam.txt: twissy emittance must be above 0 mm mrad, got -0.2"},
+      {"beam.txt", "twissz 0.0 3.2 0.1\n", "", "beam.txt lacks the keyword twissz, which the bunch generation needs"},
+      {"beam.txt", "particlenumber 300", "particlenumber 2000000000", "beam.txt: particlenumber 2000000000" + memory},
+      {"beam.txt", "particlenumber 300", "particlenumber 2147483647", "beam.txt: particlenumber 2147483647" + memory},
+  });
+}
+
+// The lattice deck: lengths, plane counts, start and end, error studies.
+TEST(DeckValues, LatticeDeckRefusesWhatCannotBeTracked) {
+  ExpectRefused({
+      {"lattice.txt", "drift 0.3 0.02 0\nend", "drift 0 0.02 0\nend",
+       R"(lattice.txt line 3: the length of a drift must be a positive number of metres, got 0 in "drift 0 0.02 0")"},
+      {"lattice.txt", "drift 0.3 0.02 0\nend", "drift -0.5 0.02 0\nend",
+       R"(lattice.txt line 3: the length of a drift must be a positive number of metres, got -0.5 in )"
+       R"("drift -0.5 0.02 0")"},
+      {"lattice.txt", "start\n", "start\nautomaticoutput 1e-9\n",
+       R"(automaticoutput 1e-09 would make about 6e\+08 output planes over 0\.6 m; at most 100000 are allowed, )"
+       R"(choose a larger step)"},
+      {"lattice.txt", "start\n", "start\nautomaticoutput -1\n", "automaticoutput needs a step of 0 or more metres, got -1"},
+      {"lattice.txt", "end\n", "", "lattice.txt has no end line, the lattice is not closed"},
+      {"lattice.txt", "start\n", "", "lattice.txt has no start line, so no element was read"},
+      {"lattice.txt", "", "", "lattice.txt has no start line, so no element was read"},
+      {"lattice.txt", "", "start\noutputplane 0.5\nend\n", "lattice.txt holds no element between start and end"},
+      {"lattice.txt", "end\n", "err_step 2 1\nerr_quad_stat_on 1\nend\n",
+       R"(lattice.txt: error studies \(err_ on-switches\) are not supported by this build yet)"},
+  });
+}
+
+// An output folder that does not exist is found before anything is read or tracked; its log line is lost with it.
+TEST(DeckValues, MissingOutputFolderStopsBeforeTracking) {
+  TempDir dir;
+  const std::string in = dir.subdir("in");
+  for (const auto& [name, text] : kBase) WriteFile(in + "/" + name, text);
+  const RunResult r = RunKeld(in, dir.file("missing"));
+  EXPECT_EQ(r.status, 1) << r.output;
+  EXPECT_NE(r.output.find("\nThe output folder " + dir.file("missing") + "/ does not exist or cannot be written\n"),
+            std::string::npos)
+      << r.output;
+  EXPECT_EQ(r.output.find("Initialising lattice..."), std::string::npos) << r.output;
+  EXPECT_EQ(Listing(dir.path()), std::vector<std::string>({"in"}));
+}
