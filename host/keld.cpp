@@ -20,6 +20,7 @@ void PrintUsage() {
                "  input.txt     run settings (time steps, space charge, threads, outputs)\n"
                "  beam.txt      the bunch: species, energy, current, Twiss parameters\n"
                "  lattice.txt   the beamline between 'start' and 'end', output planes, errors\n"
+               "  boundary.txt  apertures, read when input.txt says boundary 1\n"
                "\n"
                "Files written to OUTPUT_DIR:\n"
                "  DataSet.txt             one line of bunch statistics per time step\n"
@@ -33,6 +34,8 @@ void PrintUsage() {
                "  test.txt, testP.txt     diagnostic dumps, emptied at the start of a run\n"
                "  SimulationTime.txt      timing of the run\n"
                "  ErrorLog.txt            one stamped line per failed run\n"
+               "  output_<i>/             one folder per sample of an error study, each with\n"
+               "                          StaticErrorData.txt and DynamicErrorData.txt\n"
                "\n"
                "Exit status: 0 on success, 1 for a failure while reading the decks\n"
                "(a value that is no number included), 2 for a failure during tracking.\n";
