@@ -309,6 +309,16 @@ void Initial::CheckBeamValues() const {
     if (!(std::isfinite(emittance) && emittance > 0.0))
       refuse(std::string(plane[k]) + " emittance must be above 0 mm mrad", emittance);
     if (!std::isfinite(alpha)) refuse(std::string(plane[k]) + " alpha must be a finite number", alpha);
+    // The rms angle (or relative momentum spread) of the plane: a beam moves
+    // forward, so it lies far below 1.
+    const double gamma = 1.0 + kineticEnergy / particleRestMass;
+    const double geometric = emittance / 1e6 / std::sqrt(gamma * gamma - 1.0);
+    const double spread = std::sqrt(geometric * (1.0 + alpha * alpha) / beta);
+    if (!(spread < 1.0))
+      errorOut("beam.txt: " + std::string(plane[k]) + " gives an rms " +
+               (k < 2 ? "divergence of " + FormatNumber(spread) + " rad" :
+                        "relative momentum spread of " + FormatNumber(spread)) +
+               ", a beam needs well below 1");
   }
 }
 
