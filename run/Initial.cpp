@@ -299,6 +299,14 @@ void Initial::CheckBeamValues() const {
   if (!(std::isfinite(numOfCharge) && numOfCharge != 0.0)) refuse("numofcharge must be a non-zero charge state", numOfCharge);
   if (!(std::isfinite(current) && (current >= 0.0 || (current == -1.0 && particleNumber == 1))))
     refuse("current must be 0 or more mA", current);
+  // Ion sources deliver beams above beta 0.001; anything slower comes from a
+  // misprint in the energy or the rest mass and would crawl for hours.
+  const double gamma = 1.0 + kineticEnergy / particleRestMass;
+  const double speed = std::sqrt(1.0 - 1.0 / (gamma * gamma));
+  if (!(speed >= 1e-3))
+    errorOut("beam.txt: kneticenergy " + FormatNumber(kineticEnergy) + " MeV at particlerestmass " +
+             FormatNumber(particleRestMass) + " MeV gives beta " + FormatNumber(speed) +
+             ", a beam needs at least 0.001");
   if (particleNumber == 1) return;  // one particle: no Twiss parameters are read
   static const char* const plane[3] = {"twissx", "twissy", "twissz"};
   for (int k = 0; k < 3; ++k) {
@@ -311,8 +319,7 @@ void Initial::CheckBeamValues() const {
     if (!std::isfinite(alpha)) refuse(std::string(plane[k]) + " alpha must be a finite number", alpha);
     // The rms angle (or relative momentum spread) of the plane: a beam moves
     // forward, so it lies far below 1.
-    const double gamma = 1.0 + kineticEnergy / particleRestMass;
-    const double geometric = emittance / 1e6 / std::sqrt(gamma * gamma - 1.0);
+    const double geometric = emittance / 1e6 / (speed * gamma);
     const double spread = std::sqrt(geometric * (1.0 + alpha * alpha) / beta);
     if (!(spread < 1.0))
       errorOut("beam.txt: " + std::string(plane[k]) + " gives an rms " +
@@ -320,6 +327,13 @@ void Initial::CheckBeamValues() const {
                         "relative momentum spread of " + FormatNumber(spread)) +
                ", a beam needs well below 1");
   }
+  // A bunch sits in one radio-frequency bucket: longer than the distance the
+  // beam travels in one period it is no bunch.
+  const double length = std::sqrt(twiss[6] / 1e6 / (speed * gamma) * twiss[7]);
+  const double period = speed * kLightSpeed / frequency;
+  if (!(length < period))
+    errorOut("beam.txt: twissz gives an rms bunch length of " + FormatNumber(length) + " m, longer than the " +
+             FormatNumber(period) + " m the beam travels in one period");
 }
 
 void Initial::CheckMemoryFor(int count) const {

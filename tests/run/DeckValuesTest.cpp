@@ -85,13 +85,13 @@ TEST(DeckValues, RunDeckRefusesStepsThatNeverReachAStop) {
       {"input.txt", "steppercycle 50", "steppercycle 1e12",
        R"(steppercycle 1e\+12 at frequency 3\.522e\+08 Hz would take about 8\.8\d+e\+12 time steps over the 0\.6 m )"
        R"(lattice; at most 1e\+08 are allowed)"},
-      {"beam.txt", "frequency 352.2e6", "frequency 352.2e16",
-       R"(steppercycle 50 at frequency 3\.522e\+18 Hz would take about 4\.4\d+e\+12 time steps over the 0\.6 m )"
+      {"lattice.txt", "drift 0.3 0.02 0\nend", "drift 3e9 0.02 0\nend",
+       R"(steppercycle 50 at frequency 3\.522e\+08 Hz would take about 2\.2\d+e\+12 time steps over the 3e\+09 m )"
        R"(lattice; at most 1e\+08 are allowed)"},
-      // A bunch 3e7 m long (beta 1e20 m) has no end to wait for.
+      // A bunch 1e7 m long (beta 1e20 m) has no end to wait for.
       {"beam.txt", "twissz 0.0 3.2 0.1", "twissz 0.0 1e20 0.1",
-       R"(beam.txt: the generated bunch takes \S+ s to pass a plane, which would need about \S+ time steps; at most )"
-       R"(1e\+08 are allowed; check the twiss lines)"},
+       R"(beam.txt: twissz gives an rms bunch length of 1\.11\d+e\+07 m, longer than the 0\.0679\d+ m the beam )"
+       R"(travels in one period)"},
   });
 }
 
@@ -115,6 +115,12 @@ TEST(DeckValues, BeamDeckRefusesValuesNoBunchCanHave) {
        R"(beam.txt: twissx gives an rms divergence of 6\.198\d+e\+06 rad, a beam needs well below 1)"},
       {"beam.txt", "twissz 0.0 3.2 0.1", "twissz 0.0 3.2e-12 0.1",
        R"(beam.txt: twissz gives an rms relative momentum spread of 624\.8\d+, a beam needs well below 1)"},
+      {"beam.txt", "twissz 0.0 3.2 0.1", "twissz 0.0 2147483647 0.1",
+       R"(beam.txt: twissz gives an rms bunch length of 51\.8\d+ m, longer than the 0\.0679\d+ m the beam travels )"
+       R"(in one period)"},
+      {"beam.txt", "numofcharge 1", "numofcharge 1\nparticlerestmass 2147483647",
+       R"(beam.txt: kneticenergy 3 MeV at particlerestmass 2\.14748e\+09 MeV gives beta 5\.28\d+e-05, a beam needs )"
+       R"(at least 0\.001)"},
       {"beam.txt", "twissz 0.0 3.2 0.1\n", "", "beam.txt lacks the keyword twissz, which the bunch generation needs"},
       {"beam.txt", "particlenumber 300", "particlenumber 2000000000", "beam.txt: particlenumber 2000000000" + memory},
       {"beam.txt", "particlenumber 300", "particlenumber 2147483647", "beam.txt: particlenumber 2147483647" + memory},
