@@ -3,13 +3,17 @@
 void Mesh::Initial(std::vector<int>& grid, double particles) {
   numOfGrid = grid;
   particleCount = static_cast<int>(particles);
-  const int nx = numOfGrid[0], ny = numOfGrid[1], nz = numOfGrid[2];
-  nodeX.assign(nx, 0.0);
-  nodeY.assign(ny, 0.0);
-  nodeZ.assign(nz, 0.0);
-  cellIndex.assign(particleCount, std::vector<int>(3, 0));
-  const Grid3D zeros(nx, std::vector<std::vector<double>>(ny, std::vector<double>(nz, 0.0)));
-  for (Grid3D* g : {&rho, &phi, &ex, &ey, &ez, &bx, &by, &bz}) *g = zeros;
+  nodeX.assign(numOfGrid[0], 0.0);
+  nodeY.assign(numOfGrid[1], 0.0);
+  nodeZ.assign(numOfGrid[2], 0.0);
+  cellIndex.assign(3 * static_cast<std::size_t>(particleCount), 0);
+  const std::size_t n = NodeCount();
+  for (std::vector<double>* g : {&rho, &phi, &ex, &ey, &ez, &bx, &by, &bz}) {
+    std::vector<double>().swap(*g);
+    g->assign(n, 0.0);
+  }
+  std::vector<double>().swap(fieldXYZ);
+  fieldXYZ.assign(3 * n, 0.0);
 }
 
 int Mesh::MeshGenerator(Beam&) { return 0; }

@@ -1,0 +1,239 @@
+// The two field solvers on charges whose field is known: a spherical Gaussian,
+// symmetric and asymmetric charges, and the two solvers against each other.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "tests/spacecharge/PICTestSupport.h"
+
+using namespace pictest;
+
+namespace {
+
+struct Solved {
+  Mesh mesh;
+  std::unique_ptr<PIC> pic;
+  TestBeam beam{0, 0.0};
+};
+
+// A Gaussian of rms sigma on an n^3 mesh of half width `half` sigmas, solved.
+std::unique_ptr<Solved> SolveGaussian(double method, int n, double half, double Q, double sigma) {
+  auto s = std::make_unique<Solved>();
+  std::vector<int> grid = {n, n, n};
+  s->mesh.Initial(grid, 0);
+  std::vector<double> p = Parameters(method, 3.0);
+  s->pic = std::make_unique<PIC>(s->mesh, s->beam.beam, p, 0);
+  GaussianCharge(s->mesh, *s->pic, Q, sigma, 2.0 * half * sigma / (n - 1));
+  if (method == 0.0)
+    s->pic->FFT(s->mesh);
+  else
+    s->pic->PICNIC(s->mesh);
+  return s;
+}
+
+// Largest deviation of the node field from the Gaussian's within `reach`
+// sigmas of the centre, relative to the largest field there.
+double FieldError(const Solved& s, double Q, double sigma, double reach) {
+  const Mesh& m = s.mesh;
+  const int n = m.numOfGrid[0];
+  const double h = s.pic->hx;
+  double worst = 0.0, peak = 0.0;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      for (int k = 0; k < n; ++k) {
+        const double x = (i - n / 2.0 + 0.5) * h, y = (j - n / 2.0 + 0.5) * h, z = (k - n / 2.0 + 0.5) * h;
+        const double r = std::sqrt(x * x + y * y + z * z);
+        if (r > reach * sigma) continue;
+        const double e = GaussianField(Q, sigma, r) / r;
+        const std::size_t at = m.Index(i, j, k);
+        peak = std::max(peak, e * r);
+        worst =
+            std::max({worst, std::fabs(m.ex[at] - e * x), std::fabs(m.ey[at] - e * y), std::fabs(m.ez[at] - e * z)});
+      }
+  return worst / peak;
+}
+
+}  // namespace
+
+// Grounded box of half width 8 sigma: the field of a Gaussian within 2.5
+// sigma converges with the mesh at about the rate of the central differences,
+// down to the few per cent that the walls and the z images leave.
+TEST(FFTSolver, GaussianFieldConvergesWithTheMesh) {
+  const double Q = 1e-12, sigma = 1e-3;
+  const double coarse = FieldError(*SolveGaussian(0.0, 16, 8.0, Q, sigma), Q, sigma, 2.5);
+  const double fine = FieldError(*SolveGaussian(0.0, 32, 8.0, Q, sigma), Q, sigma, 2.5);
+  EXPECT_LT(fine, 0.035);
+  EXPECT_GT(coarse / fine, 2.5);
+}
+
+// Eight equal charges at the mirror places of one node: S-PICNIC sums them
+// exactly; at a node far from all of them the kernel is the point value, so
+// the potential is the Coulomb sum. The symmetric charge needs no correction,
+// the eight mirrors of each node hold the same potential, and the field is
+// antisymmetric without rounding.
+TEST(PICNICSolver, MirrorChargesGiveTheCoulombSumAndNoCorrection) {
+  const int n = 16;
+  const double q = 1e-15, h = 1e-3;
+  Mesh mesh;
+  std::vector<int> grid = {n, n, n};
+  mesh.Initial(grid, 0);
+  TestBeam b(0, 0.0);
+  std::vector<double> p = Parameters(1.0, 3.0);
+  PIC pic(mesh, b.beam, p, 0);
+  pic.hx = pic.hy = pic.hz = h;
+  pic.cellVolume = h * h * h;
+  for (int i : {6, 9})
+    for (int j : {5, 10})
+      for (int k : {7, 8}) mesh.rho[mesh.Index(i, j, k)] = q;
+  pic.PICNIC(mesh);
+  EXPECT_EQ(pic.negligibleCharge, 0.0);  // the centre node holds no charge
+  double expected = 0.0;
+  for (int i : {6, 9})
+    for (int j : {5, 10})
+      for (int k : {7, 8})
+        expected +=
+            kCoulomb * q / (h * std::sqrt((15.0 - i) * (15 - i) + (15.0 - j) * (15 - j) + (15.0 - k) * (15 - k)));
+  EXPECT_NEAR(mesh.phi[mesh.Index(15, 15, 15)], expected, 1e-12 * expected);
+  for (const std::vector<double>& correction : pic.taskPhi)
+    for (double v : correction) ASSERT_EQ(v, 0.0);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      for (int k = 0; k < n; ++k) {
+        const double v = mesh.phi[mesh.Index(i, j, k)];
+        ASSERT_EQ(mesh.phi[mesh.Index(n - 1 - i, j, k)], v);
+        ASSERT_EQ(mesh.phi[mesh.Index(i, n - 1 - j, n - 1 - k)], v);
+        ASSERT_EQ(mesh.ex[mesh.Index(n - 1 - i, j, k)], -mesh.ex[mesh.Index(i, j, k)]);
+        ASSERT_EQ(mesh.ez[mesh.Index(i, j, n - 1 - k)], -mesh.ez[mesh.Index(i, j, k)]);
+      }
+}
+
+// The open-boundary sum on a Gaussian: the threshold is a share of the centre
+// charge; the field converges with the mesh (the left-out self term makes an
+// error that falls with the cell size) and meets the FFT solver's in a box
+// large enough for the walls not to matter.
+TEST(PICNICSolver, GaussianConvergesAndAgreesWithFFT) {
+  const double Q = 1e-12, sigma = 1e-3;
+  auto coarse = SolveGaussian(1.0, 16, 6.0, Q, sigma);
+  EXPECT_DOUBLE_EQ(coarse->pic->negligibleCharge, 0.07 * coarse->mesh.rho[coarse->mesh.Index(8, 8, 8)]);
+  auto picnic = SolveGaussian(1.0, 48, 6.0, Q, sigma);
+  auto fft = SolveGaussian(0.0, 48, 6.0, Q, sigma);
+  const double coarseError = FieldError(*coarse, Q, sigma, 2.0), fineError = FieldError(*picnic, Q, sigma, 2.0);
+  EXPECT_LT(fineError, 0.05);
+  EXPECT_GT(coarseError / fineError, 4.0);
+  const Mesh &a = picnic->mesh, &b = fft->mesh;
+  double worst = 0.0, peak = 0.0;
+  for (int i = 0; i < 48; ++i)
+    for (int j = 0; j < 48; ++j)
+      for (int k = 0; k < 48; ++k) {
+        const double x = i - 23.5, y = j - 23.5, z = k - 23.5;
+        if (x * x + y * y + z * z > 9.0 * 9.0) continue;  // within about 2 sigma
+        const std::size_t at = a.Index(i, j, k);
+        peak = std::max(peak, std::fabs(b.ex[at]));
+        worst = std::max(
+            {worst, std::fabs(a.ex[at] - b.ex[at]), std::fabs(a.ey[at] - b.ey[at]), std::fabs(a.ez[at] - b.ez[at])});
+      }
+  EXPECT_LT(worst / peak, 0.06);
+}
+
+// A bunch mirrored about its centre: its field is antisymmetric, and the sum
+// of the forces on all its particles, its force on itself, vanishes, with
+// either solver, through deposition, solve and gather.
+TEST(SelfForce, SymmetricBunchPushesItsCentreNowhere) {
+  const int copies = 250, n = 8 * copies;
+  TestBeam b(n, 1e-15);
+  unsigned state = 5;
+  for (int c = 0; c < copies; ++c) {
+    const double x = 1e-3 * Spread(state), y = 2e-3 * Spread(state), z = 3e-3 * Spread(state);
+    for (int m = 0; m < 8; ++m) b.Place(8 * c + m, m & 1 ? -x : x, m & 2 ? -y : y, m & 4 ? -z : z);
+  }
+  b.Measure();
+  for (double method : {0.0, 1.0}) {
+    Mesh mesh;
+    std::vector<int> grid = {12, 12, 16};
+    mesh.Initial(grid, n);
+    std::vector<double> p = Parameters(method, 3.5);
+    PIC pic(mesh, b.beam, p, 0);
+    ASSERT_EQ(pic.Weight(mesh, b.beam, 1e-10), 0);
+    if (method == 0.0)
+      pic.FFT(mesh);
+    else
+      pic.PICNIC(mesh);
+    pic.Allocate(mesh, b.beam);
+    double sum[3] = {0, 0, 0}, size[3] = {0, 0, 0};
+    for (int i = 0; i < n; ++i)
+      for (int a = 0; a < 3; ++a) {
+        sum[a] += b.store[i].spaceChargeField[a];
+        size[a] += std::fabs(b.store[i].spaceChargeField[a]);
+      }
+    for (int a = 0; a < 3; ++a) EXPECT_LT(std::fabs(sum[a]), 1e-9 * size[a]) << "solver " << method << " axis " << a;
+    double worst = 0.0, peak = 0.0;
+    for (int i = 0; i < 12; ++i)
+      for (int j = 0; j < 12; ++j)
+        for (int k = 0; k < 16; ++k) {
+          peak = std::max(peak, std::fabs(mesh.ex[mesh.Index(i, j, k)]));
+          worst = std::max(worst, std::fabs(mesh.ex[mesh.Index(i, j, k)] + mesh.ex[mesh.Index(11 - i, j, k)]));
+        }
+    EXPECT_LT(worst, 1e-9 * peak) << "solver " << method;
+  }
+}
+
+// The S-PICNIC sum written out node by node, as the solver is defined: the
+// octant-folded charge above the threshold within the reach, the same
+// potential on the eight mirrors, and per task the last correction alone.
+// The solver's faster walk must give the same potential to the last bit.
+TEST(PICNICSolver, MatchesTheNodeByNodeDefinition) {
+  const int n = 8, half = n / 2;
+  Mesh mesh;
+  std::vector<int> grid = {n, n, n};
+  mesh.Initial(grid, 0);
+  TestBeam none(0, 0.0);
+  std::vector<double> p = Parameters(1.0, 3.0, 3);
+  PIC pic(mesh, none.beam, p, 0);
+  pic.hx = 1e-3, pic.hy = 0.7e-3, pic.hz = 1.3e-3;
+  pic.cellVolume = pic.hx * pic.hy * pic.hz;
+  unsigned state = 3;
+  for (double& q : mesh.rho) q = 1e-15 * (Spread(state) + 1.0);  // some negative, some below the threshold
+  mesh.rho[mesh.Index(half, half, half)] = 2e-15;
+  const std::vector<double> rho = mesh.rho;
+  pic.PICNIC(mesh);
+
+  const std::vector<double>& K = pic.phiKernel;
+  auto kernel = [&](int a, int b, int c) {
+    return K[(static_cast<std::size_t>(a) * (2 * n + 1) + b) * (2 * n + 1) + c];
+  };
+  auto at = [&](int a, int b, int c) { return mesh.Index(a, b, c); };
+  auto mirror = [&](int a) { return a < half ? n - 1 - a : a; };
+  const double neg = 0.07 * 2e-15, R = pic.reachX;
+  ASSERT_EQ(pic.negligibleCharge, neg);
+  std::vector<double> phi(rho.size(), 0.0);
+  std::vector<std::vector<double>> tasks(pic.threadPlan[7], std::vector<double>(rho.size(), 0.0));
+  for (int t = 0; t < pic.threadPlan[7]; ++t)
+    for (int pair = pic.convolutionRanges[t]; pair < pic.convolutionRanges[t + 1]; ++pair) {
+      const int i = half + pair / half, j = half + pair % half;
+      for (int k = half; k < n; ++k) {
+        double A = 0.0;
+        for (int a = std::max(i - pic.reachX, 0); a < std::min(i + R, double(n)); ++a)
+          for (int bb = std::max(j - pic.reachY, 0); bb < std::min(j + R, double(n)); ++bb)
+            for (int c = std::max(k - pic.reachZ, 0); c < std::min(k + R, double(n)); ++c) {
+              const double q = rho[at(mirror(a), mirror(bb), mirror(c))];
+              if (q > neg) A += q * kernel(n - i + a, n - j + bb, n - k + c);
+            }
+        const double P = A * kCoulomb;
+        for (int pp : {n - 1 - i, i})
+          for (int qq : {n - 1 - j, j})
+            for (int rr : {n - 1 - k, k}) {
+              phi[at(pp, qq, rr)] = P;
+              const double D = rho[at(pp, qq, rr)] - rho[at(i, j, k)];
+              if (D >= neg || D <= -neg)
+                for (int a = 0; a < n; ++a)
+                  for (int bb = 0; bb < n; ++bb)
+                    for (int c = 0; c < n; ++c)
+                      tasks[t][at(a, bb, c)] = kernel(n + pp - a, n + qq - bb, n + rr - c) * D * kCoulomb;
+            }
+      }
+    }
+  for (const std::vector<double>& correction : tasks)
+    for (std::size_t m = 0; m < phi.size(); ++m) phi[m] += correction[m];
+  for (std::size_t m = 0; m < phi.size(); ++m) ASSERT_EQ(mesh.phi[m], phi[m]) << m;
+}

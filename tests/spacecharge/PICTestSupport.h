@@ -1,0 +1,95 @@
+#pragma once
+// Bunches and solver set-ups for the space-charge tests.
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "beam/Beam.h"
+#include "spacecharge/Mesh.h"
+#include "spacecharge/PIC.h"
+
+namespace pictest {
+
+constexpr double kCoulomb = 8987551787.368176;
+
+// A bunch of n macro particles of charge q at the origin, owned by the test.
+struct TestBeam {
+  Beam beam;
+  std::unique_ptr<Particle[]> store;
+  TestBeam(int n, double q) : store(new Particle[n + 1]()) {
+    beam.particleNumber = n;
+    beam.particle = store.get();
+    beam.gamma = 1.0;
+    for (int i = 0; i <= n; ++i) {
+      store[i].charge = q;
+      store[i].relativeCoordinate[5] = 0.1;
+    }
+  }
+  void Place(int i, double x, double y, double z) {
+    double* r = store[i].relativeCoordinate;
+    r[0] = x, r[2] = y, r[4] = z;
+  }
+  // Means and rms sizes as the transports leave them; rms z in the rest frame.
+  void Measure() {
+    const int n = beam.particleNumber;
+    double s[3] = {0, 0, 0}, s2[3] = {0, 0, 0};
+    for (int i = 0; i < n; ++i)
+      for (int a = 0; a < 3; ++a) s[a] += store[i].relativeCoordinate[2 * a];
+    for (int a = 0; a < 3; ++a) beam.average[2 * a] = s[a] / n;
+    for (int i = 0; i < n; ++i)
+      for (int a = 0; a < 3; ++a) {
+        const double d = store[i].relativeCoordinate[2 * a] - beam.average[2 * a];
+        s2[a] += d * d;
+      }
+    beam.rms[0] = std::sqrt(s2[0] / n);
+    beam.rms[1] = std::sqrt(s2[1] / n);
+    beam.rms[2] = beam.gamma * std::sqrt(s2[2] / n);
+  }
+};
+
+// The parameter vector of the run deck: solver 0 FFT / 1 S-PICNIC, mesh half
+// width in rms sizes, the thread plan's entries all `threads`.
+inline std::vector<double> Parameters(double method, double meshRms, int threads = 2, int multithread = 1) {
+  std::vector<double> p(20, 1.0);
+  p[0] = method;
+  p[1] = p[2] = p[3] = meshRms;
+  p[4] = p[5] = p[6] = 8.0;
+  p[7] = -1.0;
+  p[8] = 0.07;
+  p[9] = multithread;
+  for (int k = 10; k < 20; ++k) p[k] = threads;
+  return p;
+}
+
+// A deterministic, roughly Gaussian cloud (sum of three uniforms per axis).
+inline double Spread(unsigned& state) {
+  double s = 0.0;
+  for (int k = 0; k < 3; ++k) {
+    state = state * 1664525u + 1013904223u;
+    s += (state >> 8) / 16777216.0 - 0.5;
+  }
+  return s * 2.0;  // variance 1
+}
+
+// Fills rho with a spherical Gaussian of charge Q and rms sigma at the mesh
+// centre, sampled at the nodes, on cubic cells of side h.
+inline void GaussianCharge(Mesh& mesh, PIC& pic, double Q, double sigma, double h) {
+  const int n = mesh.numOfGrid[0];
+  pic.hx = pic.hy = pic.hz = h;
+  pic.cellVolume = h * h * h;
+  const double norm = Q / std::pow(2.0 * 3.141592653589793 * sigma * sigma, 1.5) * pic.cellVolume;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      for (int k = 0; k < n; ++k) {
+        const double x = (i - n / 2.0 + 0.5) * h, y = (j - n / 2.0 + 0.5) * h, z = (k - n / 2.0 + 0.5) * h;
+        mesh.rho[mesh.Index(i, j, k)] = norm * std::exp(-(x * x + y * y + z * z) / (2 * sigma * sigma));
+      }
+}
+
+// Radial field of that Gaussian: Q / (4 pi eps0 r^2) (erf(u) - 2 u exp(-u^2) / sqrt(pi)), u = r / (sqrt 2 sigma).
+inline double GaussianField(double Q, double sigma, double r) {
+  const double u = r / (std::sqrt(2.0) * sigma);
+  return kCoulomb * Q / (r * r) * (std::erf(u) - 2.0 * u * std::exp(-u * u) / std::sqrt(3.141592653589793));
+}
+
+}  // namespace pictest
