@@ -1,10 +1,42 @@
 #include "beamline/Lattice.h"
 
+#include "run/Initial.h"
+
+namespace {
+
+// Loads the map named by token at + 9 for a field of `type` and writes the
+// map index in its place. A map is shared by name whatever type loaded it; a
+// map with fewer values per node than the field reads would be read past its
+// nodes, so that is refused.
+void LoadMap(Lattice& lattice, std::vector<std::string>& token, std::size_t at, int type) {
+  std::string& name = token[at + 9];
+  const int map = lattice.SetMatrix(name, type, lattice.fieldM);
+  lattice.lastMapIndex = map;
+  const int needed = type == 1 ? 6 : (type == 2 || type == 3 ? 3 : 0);
+  const int held = lattice.fieldM.components[map];
+  if (held < needed)
+    Initial::errorOut("Field map " + name + " holds " + std::to_string(held) +
+                      " values per node and cannot serve a field of type " + std::to_string(type));
+  name = std::to_string(map);
+}
+
+}  // namespace
+
 int Lattice::SetElement(std::vector<std::string> token, Element* newElement) {
   const double start = zStart.empty() ? 0.0 : zStart.back() + elementLength.back();
   zStart.push_back(start);
   elementLength.push_back(std::stod(token.at(1)));
   zEnd.push_back(zStart.back() + elementLength.back());
+  // A field line too short to name its map is reported by the element itself.
+  if (token[0] == "field" && token.size() >= 10) {
+    const int type = std::stoi(token[4]);
+    if (type == 4) {
+      for (std::size_t g = 20; g + 20 <= token.size(); g += 20)
+        if (token[g] == "field") LoadMap(*this, token, g, std::stoi(token[g + 4]));
+    } else {
+      LoadMap(*this, token, 0, type);
+    }
+  }
   const int elementIndex = static_cast<int>(element.size());
   newElement->SetParameter(elementIndex, zStart.back(), token);
   element.push_back(newElement);

@@ -28,7 +28,14 @@ class Lattice {
   int lastMapIndex = 0;
   std::vector<double> reservedList;
 
+  // Places an element behind the last one. For a "field" line the maps are
+  // loaded first and token 9 (of each sub-field group of a superposition)
+  // becomes the map index; then the element reads the tokens.
   int SetElement(std::vector<std::string> token, Element* newElement);
+  // Loads the map set `name` of field type `type` (1 radio-frequency, 2
+  // static electric, 3 static magnetic) into fieldM, once per name, and
+  // returns its index. A name ending in "b" is read in the binary form.
+  int SetMatrix(std::string name, int type, FieldMatrix& maps);
 
   // Field of every slot, the reference included. Particles outside the
   // tracked stretch get zero field, and past the lattice end with the last

@@ -1,0 +1,174 @@
+// Reading of field-map sets: one file per component, all on one uniform
+// mesh, in a text or a binary form.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "beamline/Lattice.h"
+#include "run/HelperFunc.h"
+#include "run/Initial.h"
+
+namespace {
+
+// File extensions of each field type, in the order of the node components.
+const char* const kRadioFrequency[] = {".edx", ".edy", ".edz", ".bdx", ".bdy", ".bdz"};
+const char* const kStaticElectric[] = {".esx", ".esy", ".esz"};
+const char* const kStaticMagnetic[] = {".bsx", ".bsy", ".bsz"};
+
+// "场文件打开错误" in the GBK code page, as the console has always shown it.
+const char kOpenErrorGbk[] = "\xb3\xa1\xce\xc4\xbc\xfe\xb4\xf2\xbf\xaa\xb4\xed\xce\xf3";
+
+// Binary header: int32 sznum, double szmax, int32 sxnum, double sxmin,
+// double sxmax, int32 synum, double symin, double symax, double mark; packed.
+constexpr std::size_t kBinaryHeader = 60;
+
+struct Mesh {
+  int sz = 0, sx = 0, sy = 0;
+  double szmax = 0.0, sxmin = 0.0, sxmax = 0.0, symin = 0.0, symax = 0.0;
+  bool operator==(const Mesh& o) const {
+    return sz == o.sz && sx == o.sx && sy == o.sy && szmax == o.szmax && sxmin == o.sxmin && sxmax == o.sxmax &&
+           symin == o.symin && symax == o.symax;
+  }
+};
+
+bool ReadWhole(const std::string& path, std::string& bytes) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in.is_open()) return false;
+  std::ostringstream s;
+  s << in.rdbuf();
+  bytes = s.str();
+  return true;
+}
+
+template <class T>
+T Take(const std::string& bytes, std::size_t& at) {
+  T value;
+  std::memcpy(&value, bytes.data() + at, sizeof(T));
+  at += sizeof(T);
+  return value;
+}
+
+// The next line of `text` from `at` on, without its end of line.
+std::string NextLine(const std::string& text, std::size_t& at) {
+  if (at >= text.size()) return std::string();
+  std::size_t end = text.find('\n', at);
+  if (end == std::string::npos) end = text.size();
+  std::string line = text.substr(at, end - at);
+  at = end + 1;
+  return line;
+}
+
+[[noreturn]] void Refuse(const std::string& file, const std::string& why) {
+  Initial::errorOut("Field map file " + file + ": " + why);
+}
+
+// Node count that the header promises, refused when the mesh is degenerate
+// or when the file is too short to hold that many values, before anything
+// is allocated for them.
+std::size_t PromisedNodes(const Mesh& m, const std::string& file, double valuesRoom) {
+  if (m.sz < 1 || m.sx < 1 || m.sy < 1)
+    Refuse(file, "sznum, sxnum and synum must be at least 1, the header gives " + std::to_string(m.sz) + " " +
+                     std::to_string(m.sx) + " " + std::to_string(m.sy));
+  const double nodes = (m.sx + 1.0) * (m.sy + 1.0) * (m.sz + 1.0);
+  if (nodes > valuesRoom)
+    Refuse(file, "the data hold fewer values than the header promises (" + FormatNumber(nodes) + ")");
+  return static_cast<std::size_t>(nodes);
+}
+
+}  // namespace
+
+int Lattice::SetMatrix(std::string name, int type, FieldMatrix& maps) {
+  for (std::size_t i = 0; i < maps.fieldName.size(); ++i)
+    if (maps.fieldName[i] == name) return static_cast<int>(i);
+
+  const bool binary = !name.empty() && name.back() == 'b';
+  const char* const* extensions = type == 1 ? kRadioFrequency : type == 2 ? kStaticElectric : kStaticMagnetic;
+  const int count = type == 1 ? 6 : (type == 2 || type == 3) ? 3 : 0;
+
+  std::vector<double> values;
+  std::size_t nodes = 0;
+  Mesh first;
+  std::string bytes;
+  for (int c = 0; c < count; ++c) {
+    const std::string file = name + extensions[c];
+    if (!ReadWhole(file, bytes)) {
+      if (!binary)
+        std::cout << "field type1 file error : " << file << std::endl;
+      else if (type == 1)
+        std::cout << "Field file cannot be opened: " << file << std::endl;
+      else
+        std::cout << kOpenErrorGbk << " : " << file << std::endl;
+      std::exit(1);
+    }
+
+    Mesh mesh;
+    std::size_t at = 0;
+    std::string markText;
+    double markValue = 0.0;
+    if (binary) {
+      if (type == 3 && c > 0)
+        std::cout << name << "  fieldM.szmax: " << maps.szmax << " fieldM.sxmax: " << maps.sxmax
+                  << " fieldM.sxmin: " << maps.sxmin << std::endl;
+      if (bytes.size() < kBinaryHeader) Refuse(file, "the file is shorter than its 60-byte header");
+      mesh.sz = Take<std::int32_t>(bytes, at);
+      mesh.szmax = Take<double>(bytes, at);
+      mesh.sx = Take<std::int32_t>(bytes, at);
+      mesh.sxmin = Take<double>(bytes, at);
+      mesh.sxmax = Take<double>(bytes, at);
+      mesh.sy = Take<std::int32_t>(bytes, at);
+      mesh.symin = Take<double>(bytes, at);
+      mesh.symax = Take<double>(bytes, at);
+      markValue = Take<double>(bytes, at);
+    } else {
+      std::istringstream line1(NextLine(bytes, at)), line2(NextLine(bytes, at)), line3(NextLine(bytes, at));
+      line1 >> mesh.sz >> mesh.szmax;
+      line2 >> mesh.sx >> mesh.sxmin >> mesh.sxmax;
+      line3 >> mesh.sy >> mesh.symin >> mesh.symax;
+      if (line1.fail() || line2.fail() || line3.fail()) Refuse(file, "lines 1 to 3 do not hold the mesh");
+      markText = NextLine(bytes, at);
+    }
+
+    if (c == 0) {
+      first = mesh;
+      // Room for values: four bytes each, or a digit and a separator each.
+      const double left = at < bytes.size() ? static_cast<double>(bytes.size() - at) : 0.0;
+      const double room = binary ? (bytes.size() - kBinaryHeader) / 4.0 : (left + 1.0) / 2.0;
+      nodes = PromisedNodes(mesh, file, room);
+      maps.sznum = mesh.sz, maps.szmax = mesh.szmax;
+      maps.sxnum = mesh.sx, maps.sxmin = mesh.sxmin, maps.sxmax = mesh.sxmax;
+      maps.synum = mesh.sy, maps.symin = mesh.symin, maps.symax = mesh.symax;
+      values.assign(nodes * count, 0.0);
+      maps.sdx = (maps.sxmax - maps.sxmin) / maps.sxnum;
+      maps.sdy = (maps.symax - maps.symin) / maps.synum;
+      maps.sdz = maps.szmax / maps.sznum;
+    } else if (!(mesh == first)) {
+      // The nodes of all files of a set go into one array: a file on another
+      // mesh would land in the wrong nodes or beyond them.
+      Refuse(file, "its mesh differs from that of " + name + extensions[0]);
+    }
+
+    if (binary) {
+      if (markValue != 1.0) std::cout << "mark error : " << file << "  " << markValue << std::endl;
+      if (bytes.size() - kBinaryHeader < 4 * nodes)
+        Refuse(file, "the data hold fewer values than the header promises (" + std::to_string(nodes) + ")");
+      for (std::size_t n = 0; n < nodes; ++n) values[n * count + c] = static_cast<double>(Take<float>(bytes, at));
+    } else {
+      if (std::stoi(markText) != 1) std::cout << "mark error : " << file << "  " << markText << std::endl;
+      // Any white space separates the values; line breaks mean nothing.
+      const char* p = bytes.c_str() + std::min(at, bytes.size());
+      for (std::size_t n = 0; n < nodes; ++n) {
+        char* end = nullptr;
+        const double v = std::strtod(p, &end);
+        if (end == p)
+          Refuse(file, "the data hold fewer values than the header promises (" + std::to_string(nodes) + ")");
+        values[n * count + c] = v;
+        p = end;
+      }
+    }
+  }
+  return maps.AddMap(name, count, std::move(values));
+}
