@@ -1,0 +1,280 @@
+// The hard-edge transfer maps of the z code and the preparation of a
+// space-charge solve between two map steps.
+#include "tracking/HardEdgeTrans.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "tracking/MethodMP.h"
+
+namespace {
+
+using constants::kLightSpeed;
+
+enum class MapKind { kNone, kQuad, kSolenoid, kBend };
+
+MapKind KindOf(const Element& e) {
+  if (e.type == "quad") return MapKind::kQuad;
+  if (e.type == "solenoid") return MapKind::kSolenoid;
+  if (e.type == "bend") return MapKind::kBend;
+  return MapKind::kNone;
+}
+
+// Contiguous block [first, last) of n slots for thread t of T, as equal as
+// possible.
+void Block(int n, int t, int T, int& first, int& last) {
+  const int base = n / T, extra = n % T;
+  first = t * base + std::min(t, extra);
+  last = first + base + (t < extra ? 1 : 0);
+}
+
+// The map of every kind but the bend, on one row: transverse point and the
+// slopes of the particle record.
+template <class Map>
+inline void MapRow(const Map& map, double* r, Particle& p, const RowMotion& m) {
+  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, m, p.chargeMassRatio);
+  r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
+  double* q = p.coordinate;
+  q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp;
+}
+
+// The bend also leaves the path-length term and the momentum in the record.
+template <>
+inline void MapRow<BendMap>(const BendMap& map, double* r, Particle& p, const RowMotion& m) {
+  double zTerm;
+  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, m, r[5], zTerm);
+  r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
+  double* q = p.coordinate;
+  q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp, q[4] = zTerm, q[5] = r[5];
+}
+
+// One step of one alive row: optional space-charge kick over twice the last
+// step's flight time, the flight time of this step, the map.
+template <class Map, bool Kick>
+inline void StepRow(const Map& map, double length, double* r, Particle& p) {
+  if (Kick) {
+    const double f = 2.0 * (p.chargeMassRatio / kLightSpeed) * r[4];
+    const double* E = p.spaceChargeField;
+    r[1] += f * E[0];
+    r[3] += f * E[1];
+    r[5] += f * E[2];
+  }
+  const RowMotion m = MotionOfRow(r);
+  r[4] = length / m.vz;
+  r[6] += r[4];
+  MapRow(map, r, p, m);
+}
+
+// One parallel region over the bunch's rows. With Mean, the times of the
+// alive rows are summed and counted for the mean arrival time.
+template <class Map, bool Kick, bool Mean>
+void MapRows(const Map& map, double length, CrossingTable& rows, Beam& beam, int threads, double& timeSum,
+             long& aliveCount) {
+  const int n = beam.particleNumber;
+  omp_set_num_threads(std::max(threads, 1));
+#pragma omp parallel
+  {
+    int first, last;
+    Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
+    double sum = 0.0;
+    long count = 0;
+    for (int i = first; i < last; ++i) {
+      double* r = rows[i].data();
+      if (r[7] != 1.0) continue;
+      StepRow<Map, Kick>(map, length, r, beam.particle[i]);
+      if (Mean) {
+        sum += r[6];
+        ++count;
+      }
+    }
+    if (Mean) {
+#pragma omp atomic
+      timeSum += sum;
+#pragma omp atomic
+      aliveCount += count;
+    }
+  }
+}
+
+template <class Map>
+void MapRowsFor(int mode, const Map& map, double length, CrossingTable& rows, Beam& beam, int threads,
+                double& timeSum, long& aliveCount) {
+  if (mode == 1)
+    MapRows<Map, true, false>(map, length, rows, beam, threads, timeSum, aliveCount);
+  else if (mode == 2)
+    MapRows<Map, false, true>(map, length, rows, beam, threads, timeSum, aliveCount);
+  else
+    MapRows<Map, false, false>(map, length, rows, beam, threads, timeSum, aliveCount);
+}
+
+// The bend's numbers through its accessor: plane, arc, curvature, kx, ky.
+BendMap BendStep(Element& e, double span, double referenceMomentum, double& length) {
+  std::vector<double> v;
+  e.GetParameter(v);
+  const double arc = v[1];
+  // A step much shorter than the arc is half of a bend walked in two halves.
+  length = 0.85 * arc > span ? 0.5 * arc : arc;
+  return BendMap(v[2], v[3], v[4], length, referenceMomentum, v[0] != 0.0);
+}
+
+}  // namespace
+
+void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTable& states, Beam& beam,
+                             Lattice& lattice, int& kickMode, double& timeOut) {
+  Element& e = *lattice.element[element];
+  const MapKind kind = KindOf(e);
+  if (kind == MapKind::kNone) return;
+  const int mode = kickMode;
+  kickMode = 0;  // a kick is set for exactly one step
+  timeOut = mode == 2 ? 0.0 : 1e10;
+
+  const int n = beam.particleNumber;
+  const int threads = cores[1];
+  double timeSum = 0.0;
+  long aliveCount = 0;
+  double length = zEnd - zStart;
+  switch (kind) {
+    case MapKind::kQuad:
+      // Without gradient the quadrupole is the drift that its map tends to.
+      if (e.strength == 0.0)
+        MapRowsFor(mode, DriftMap{length}, length, states, beam, threads, timeSum, aliveCount);
+      else
+        MapRowsFor(mode, QuadMap{e.strength, length}, length, states, beam, threads, timeSum, aliveCount);
+      break;
+    case MapKind::kSolenoid:
+      if (e.strength == 0.0)
+        MapRowsFor(mode, DriftMap{length}, length, states, beam, threads, timeSum, aliveCount);
+      else
+        MapRowsFor(mode, SolenoidMap{e.strength, length}, length, states, beam, threads, timeSum, aliveCount);
+      break;
+    case MapKind::kBend: {
+      const BendMap map = BendStep(e, zEnd - zStart, states[n][5], length);
+      MapRowsFor(mode, map, length, states, beam, threads, timeSum, aliveCount);
+      break;
+    }
+    case MapKind::kNone:
+      break;
+  }
+
+  if (mode == 2) {
+    if (aliveCount > 0) timeOut = timeSum / static_cast<double>(aliveCount);
+  } else {
+    // The earliest time of all rows, alive or not.
+    for (int i = 0; i < n; ++i) timeOut = std::min(timeOut, states[i][6]);
+  }
+}
+
+void MethodMP::HardEdgeTrans(int element, CrossingTable& states, Beam& beam, Lattice& lattice) {
+  Element& e = *lattice.element[element];
+  const MapKind kind = KindOf(e);
+  if (kind == MapKind::kNone) return;
+  const int n = beam.particleNumber;
+  double* r = states[n].data();
+  Particle& p = beam.particle[n];
+  double length = e.length;
+  switch (kind) {
+    case MapKind::kQuad:
+      if (e.strength == 0.0)
+        StepRow<DriftMap, false>(DriftMap{length}, length, r, p);
+      else
+        StepRow<QuadMap, false>(QuadMap{e.strength, length}, length, r, p);
+      break;
+    case MapKind::kSolenoid:
+      if (e.strength == 0.0)
+        StepRow<DriftMap, false>(DriftMap{length}, length, r, p);
+      else
+        StepRow<SolenoidMap, false>(SolenoidMap{e.strength, length}, length, r, p);
+      break;
+    case MapKind::kBend: {
+      // The reference follows the design orbit: no slopes, no momentum offset.
+      const BendMap map = BendStep(e, e.length, r[5], length);
+      const RowMotion m = MotionOfRow(r);
+      r[4] = length / m.vz;
+      r[6] += r[4];
+      double zTerm;
+      const Slopes o = map.Apply({r[0], 0.0, r[2], 0.0}, m, r[5], zTerm);
+      r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
+      double* q = p.coordinate;
+      q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp, q[4] = zTerm, q[5] = r[5];
+      break;
+    }
+    case MapKind::kNone:
+      break;
+  }
+}
+
+void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double& time) {
+  const int n = beam.particleNumber;
+  const double c = kLightSpeed;
+  double sums[6] = {0, 0, 0, 0, 0, 0};
+  long count = 0;
+  omp_set_num_threads(std::max(cores[2], 1));
+  // The rows stand at one z with their own times; each is carried on its
+  // straight line to the common time, which puts the bunch at one instant.
+#pragma omp parallel
+  {
+    int first, last;
+    Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
+    double local[6] = {0, 0, 0, 0, 0, 0};
+    long localCount = 0;
+    for (int i = first; i < last; ++i) {
+      const double* r = states[i].data();
+      if (r[7] != 1.0) continue;
+      const RowMotion m = MotionOfRow(r);
+      const double d = r[6] - time;
+      double* rel = beam.particle[i].relativeCoordinate;
+      rel[0] = r[0] - d * (r[1] / m.gamma) * c;
+      rel[1] = r[1];
+      rel[2] = r[2] - d * (r[3] / m.gamma) * c;
+      rel[3] = r[3];
+      rel[4] = -d * m.vz;
+      rel[5] = r[5];
+      for (int k = 0; k < 6; ++k) local[k] += rel[k];
+      ++localCount;
+    }
+    for (int k = 0; k < 6; ++k) {
+#pragma omp atomic
+      sums[k] += local[k];
+    }
+#pragma omp atomic
+    count += localCount;
+  }
+
+  beam.rms.assign(3, 0.0);
+  if (count == 0) {
+    beam.average.assign(6, 0.0);
+    return;
+  }
+  for (int k = 0; k < 6; ++k) beam.average[k] = sums[k] / static_cast<double>(count);
+  const double* a = beam.average.data();
+  const double g = std::sqrt(1.0 + a[1] * a[1] + a[3] * a[3] + a[5] * a[5]);
+  const double gz = 1.0 / std::sqrt(1.0 - (a[5] / g) * (a[5] / g));
+
+  double sx = 0.0, sy = 0.0, sz = 0.0;
+  omp_set_num_threads(std::max(cores[2], 1));
+#pragma omp parallel
+  {
+    int first, last;
+    Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
+    double lx = 0.0, ly = 0.0, lz = 0.0;
+    for (int i = first; i < last; ++i) {
+      if (states[i][7] != 1.0) continue;
+      const double* rel = beam.particle[i].relativeCoordinate;
+      const double dx = rel[0] - a[0], dy = rel[2] - a[2], dz = gz * (rel[4] - a[4]);
+      lx += dx * dx;
+      ly += dy * dy;
+      lz += dz * dz;
+    }
+#pragma omp atomic
+    sx += lx;
+#pragma omp atomic
+    sy += ly;
+#pragma omp atomic
+    sz += lz;
+  }
+  beam.rms[0] = std::sqrt(sx / static_cast<double>(count));
+  beam.rms[1] = std::sqrt(sy / static_cast<double>(count));
+  beam.rms[2] = std::sqrt(sz / static_cast<double>(count));
+}
