@@ -1,5 +1,8 @@
 #pragma once
+#include <string>
 #include <vector>
+
+class Lattice;
 
 // The synchronous particle of the phase scan: one particle with its own
 // field vectors, flown alone through the lattice.
@@ -21,4 +24,11 @@ class SynParticle {
 
   SynParticle();
   void Update(double dt);
+  // The design particle at the start of the beamline: its energy from the
+  // distribution file `kind` (binary form, mode 0) or from beam.txt in the
+  // folder `path`. The mass follows from the rest energy read.
+  void SetUpSynParticle(std::string kind, double chargeNumber, double massNumber, std::string path, int mode);
+  // The field of the element the particle stands in; none outside the
+  // tracked stretch.
+  void GetField(double t, Lattice& lattice);
 };
