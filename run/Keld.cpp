@@ -36,6 +36,7 @@ void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample&
                std::chrono::system_clock::time_point t0, bool reportInitialisation) {
   Beam beam;
   init.InitParticle(beam, sample);
+  init.SetSynPhase(lattice);
   if (reportInitialisation) std::cout << "Initialization time: " << ElapsedSeconds(t0) << " s" << std::endl;
   {
     MethodMP engine;
@@ -49,6 +50,50 @@ void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample&
 
 }  // namespace
 
+namespace {
+
+// The samples of a study that this process runs; all of them by default.
+struct SampleSelection {
+  int first = -1, last = -1;  // a range, when first >= 0
+  int rank = 0, ranks = 1;    // else a slice
+};
+SampleSelection selection;
+
+// First and one-past-last sample of the selection among `count`.
+void SelectedSamples(int count, int& begin, int& end) {
+  if (selection.first >= 0) {
+    if (selection.last >= count)
+      Initial::errorOut("Samples " + std::to_string(selection.first) + "-" + std::to_string(selection.last) +
+                        " were asked for, but the study has " + std::to_string(count) + " samples (0-" +
+                        std::to_string(count - 1) + ")");
+    begin = selection.first;
+    end = selection.last + 1;
+    return;
+  }
+  begin = static_cast<int>(static_cast<long long>(count) * selection.rank / selection.ranks);
+  end = static_cast<int>(static_cast<long long>(count) * (selection.rank + 1) / selection.ranks);
+}
+
+}  // namespace
+
+int sample_range(int first, int last) {
+  selection = SampleSelection();
+  if (first >= 0 && last >= first) {
+    selection.first = first;
+    selection.last = last;
+  }
+  return 0;
+}
+
+int sample_slice(int rank, int ranks) {
+  selection = SampleSelection();
+  if (ranks >= 1 && rank >= 0 && rank < ranks) {
+    selection.rank = rank;
+    selection.ranks = ranks;
+  }
+  return 0;
+}
+
 int main_agent() {
   std::cout << "The programme is running." << std::endl;
   const auto t0 = std::chrono::system_clock::now();
@@ -61,7 +106,8 @@ int main_agent() {
   Lattice lattice;
   Boundary boundary;
   init.InitLattice(lattice, error, boundary);
-  init.CheckLattice(lattice, error);
+  init.CheckLattice(lattice);
+  GenerateErrorSet(error, lattice);
 
   const int flagSum = error.onFlag[0] + error.onFlag[1] + error.onFlag[2] + error.onFlag[3];
   if (flagSum == 0) {
@@ -73,12 +119,14 @@ int main_agent() {
 
   // Error study: one run per sample, each in its own output folder.
   const std::string baseFolder = outputFilePath;
-  for (int i = 0; i < error.errStep[0] * error.errStep[1]; ++i) {
+  int begin = 0, end = 0;
+  SelectedSamples(error.errStep[0] * error.errStep[1], begin, end);
+  for (int i = begin; i < error.errStep[0] * error.errStep[1] && i < end; ++i) {
     ErrorSample sample;
     const bool staticOn = error.onFlag[0] == 1 || error.onFlag[2] == 1;
     const bool dynamicOn = error.onFlag[1] == 1 || error.onFlag[3] == 1;
-    if (staticOn && i < static_cast<int>(error.staticSets.size())) sample.staticSet = error.staticSets[i];
-    if (dynamicOn && i < static_cast<int>(error.dynamicSets.size())) sample.dynamicSet = error.dynamicSets[i];
+    if (staticOn) sample.staticSet = error.staticSets[i];
+    if (dynamicOn) sample.dynamicSet = error.dynamicSets[i];
     sample.onFlag = error.onFlag;
     sample.sampleNumber = i + 1;
     sample.errorSelector = 0;

@@ -13,4 +13,12 @@ int path(const char* inputFolder, const char* outputFolder);
 // One whole simulation from the decks in the input folder. Returns 0; every
 // failure ends the process instead.
 int main_agent();
+
+// Restricts the samples of the next error study that main_agent runs: to
+// first..last (numbered from 0, both included), or to slice `rank` of
+// `ranks` nearly equal slices. The sets are drawn for the whole study all the
+// same, so a sample gives the same result in whichever process it runs; its
+// results go to output_<i> as in a whole study. Both return 0.
+int sample_range(int first, int last);
+int sample_slice(int rank, int ranks);
 }
