@@ -4,8 +4,10 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 EXAMPLE    ?= examples/basic
 RUN_OUT    ?= out/basic
+# The Debian python3, which the Debian NumPy, Matplotlib, h5py and pytest serve.
+PYTHON     ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo python3)
 
-.PHONY: all deps build run test test-release sanitize bench clean
+.PHONY: all deps build run run-fieldmap test test-release sanitize pytest fuzz bench clean
 
 all: build
 
@@ -15,6 +17,8 @@ deps:
 build: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
+	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-plot
+	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-openpmd
 
 run: build
 	@rm -rf $(RUN_OUT) && mkdir -p $(RUN_OUT)
@@ -24,10 +28,18 @@ run: build
 	@echo "  $(RUN_OUT)/DataSet.txt       statistics, one line per time step"
 	@echo "  $(RUN_OUT)/outData_*.dst     the bunch at each output plane"
 	@echo "  $(RUN_OUT)/synParticle.txt   the reference particle's track"
+	@echo
+	@KELD_PYTHON=$(PYTHON) ./$(BUILD)/keld-plot envelope $(RUN_OUT)
+	@echo "Phase space at each plane: ./$(BUILD)/keld-plot phase-space $(RUN_OUT)"
+
+# The field-map example: writes its quadrupole map with keld-fieldmap, runs it
+# into out/fieldmap/out/ and reports the losses on the pipe.
+run-fieldmap: build
+	@examples/fieldmap/run.sh $(BUILD) out/fieldmap
 
 # The whole suite, then the same suite under the address and undefined-
 # behaviour sanitizers.
-test: test-release sanitize
+test: test-release sanitize pytest
 
 test-release: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -37,6 +49,22 @@ sanitize: deps
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
 	@cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --output-on-failure -j $(JOBS)
+
+# The Python package's tests; they run keld once on a tiny deck.
+pytest: build
+	@cd python && PYTHONDONTWRITEBYTECODE=1 KELD_BINARY="$(abspath $(BUILD))/keld" \
+	  $(PYTHON) -m pytest -q -p no:cacheprovider tests
+
+# Mutated example decks through keld: every run must end cleanly (status 0, 1
+# or 2, no hang, no crash, no NaN after a success). Decks of failed runs are
+# kept in out/fuzz/.
+FUZZ_COUNT ?= 2000
+FUZZ_MAPS  = fieldmap cavity errors
+fuzz: build
+	@rm -rf out/fuzz
+	@for e in $(FUZZ_MAPS); do examples/$$e/run.sh $(BUILD) out/fuzz-$$e > /dev/null; done
+	@$(PYTHON) scripts/fuzz-decks --count $(FUZZ_COUNT) --keld $(BUILD)/keld --report out/fuzz \
+	  --decks examples/basic $(foreach e,$(FUZZ_MAPS),out/fuzz-$(e)/in)
 
 bench: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DKELD_BENCH=ON >/dev/null

@@ -1,26 +1,32 @@
 // keld: the small host program. It hands the two folders to the library and
 // runs one simulation.
+#include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <new>
-#include <stdexcept>
 
-#include "run/Keld.h"
+#include "host/HostRun.h"
 
 namespace {
 
 void PrintUsage() {
-  std::cout << "Usage: keld [INPUT_DIR OUTPUT_DIR]\n"
+  std::cout << "Usage: keld [INPUT_DIR OUTPUT_DIR [--samples FIRST-LAST]]\n"
                "\n"
                "Runs one Keld simulation from the decks in INPUT_DIR and writes its results\n"
                "to OUTPUT_DIR (which must exist). Without arguments the library's default\n"
-               "folders ./inputFile/ and ./outputFile/ are used.\n"
+               "folders ./inputFile/ and ./outputFile/ are used. For an error study,\n"
+               "--samples runs only the samples FIRST to LAST (from 0), each in its\n"
+               "OUTPUT_DIR/output_<i> as the whole study would; keld-mpi spreads a study\n"
+               "over MPI ranks the same way.\n"
                "\n"
                "Decks read from INPUT_DIR:\n"
                "  input.txt     run settings (time steps, space charge, threads, outputs)\n"
                "  beam.txt      the bunch: species, energy, current, Twiss parameters\n"
                "  lattice.txt   the beamline between 'start' and 'end', output planes, errors\n"
                "  boundary.txt  apertures, read when input.txt says boundary 1\n"
+               "  field maps    the files of each field line's map set (.edx ... .bsz)\n"
+               "  rfqinputAnn.txt, rfqinputV.txt  the RFQ's coefficient and cell tables, merged\n"
+               "                into rfqinput.txt (the cell table) and E0-z.txt in INPUT_DIR\n"
+               "  scanData.txt  entrance phases to reuse (scanphase 2)\n"
                "\n"
                "Files written to OUTPUT_DIR:\n"
                "  DataSet.txt             one line of bunch statistics per time step\n"
@@ -31,6 +37,11 @@ void PrintUsage() {
                "  outData_<z>.dst         the bunch at each output plane (binary)\n"
                "  BeamSet.plt             particle dumps every dumpperiodicity steps (binary)\n"
                "  collisionData.txt       lost particles with where they hit the aperture\n"
+               "  scanData.txt            entrance phase and arrival time of each cavity (also\n"
+               "                          written to INPUT_DIR, where scanphase 2 reuses it)\n"
+               "  scanPhaseData.txt       every trial of the phase scan\n"
+               "  Phase.txt               time, z and energy of the design particle at each cavity\n"
+               "  RFQsynPhaseEG.txt       phase and exit energy of the design particle in each RFQ cell\n"
                "  test.txt, testP.txt     diagnostic dumps, emptied at the start of a run\n"
                "  SimulationTime.txt      timing of the run\n"
                "  ErrorLog.txt            one stamped line per failed run\n"
@@ -41,6 +52,13 @@ void PrintUsage() {
                "(a value that is no number included), 2 for a failure during tracking.\n";
 }
 
+// "FIRST-LAST" into two sample numbers.
+bool ParseRange(const char* text, int& first, int& last) {
+  char dash = 0, rest = 0;
+  return std::sscanf(text, "%d%c%d%c", &first, &dash, &last, &rest) == 3 && dash == '-' && first >= 0 &&
+         last >= first;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -48,26 +66,20 @@ int main(int argc, char** argv) {
     PrintUsage();
     return 0;
   }
-  if (argc != 1 && argc != 3) {
+  const bool withSamples = argc == 5 && std::strcmp(argv[3], "--samples") == 0;
+  if (argc != 1 && argc != 3 && !withSamples) {
     PrintUsage();
     return 64;
   }
-  if (argc == 3) path(argv[1], argv[2]);
-  // The library lets a token that is no number, or a number out of range,
-  // escape from its string conversions; the host turns that into a plain
-  // status 1 instead of an abort.
-  try {
-    main_agent();
-  } catch (const std::invalid_argument& e) {
-    std::cout << std::endl << "A deck holds a value that is not a number (" << e.what() << ")" << std::endl;
-    return 1;
-  } catch (const std::out_of_range& e) {
-    std::cout << std::endl << "A deck holds a value out of range or a line with too few values (" << e.what() << ")"
-              << std::endl;
-    return 1;
-  } catch (const std::bad_alloc&) {
-    std::cout << std::endl << "The run needs more memory than this machine can give" << std::endl;
-    return 1;
+  if (withSamples) {
+    int first = 0, last = 0;
+    if (!ParseRange(argv[4], first, last)) {
+      std::cout << "--samples wants FIRST-LAST, two sample numbers from 0 with FIRST <= LAST, got " << argv[4]
+                << std::endl;
+      return 64;
+    }
+    sample_range(first, last);
   }
-  return 0;
+  if (argc >= 3) path(argv[1], argv[2]);
+  return host::RunSimulation();
 }

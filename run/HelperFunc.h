@@ -4,6 +4,25 @@
 #include <string>
 #include <vector>
 
+struct ErrorParameter;
+class Lattice;
+
+// Draws every sample of an error study at once: samples n = s a + d, with
+// amplitude step s (0 to b - 1) outside and draw d (0 to a - 1) inside, the
+// amplitude of a value v in step s being (s + 1) v / b.
+void GenerateErrorSet(ErrorParameter& parameter, Lattice& lattice);
+// A normal draw by the Box-Muller pair, the second member kept for the next
+// call. Not for worker threads: its state is shared.
+double GenerateGaussian(double mean, double sigma);
+// Uniform in (0, 1], and a normal draw from two of them.
+double rand_gen();
+double normalRandom();
+
+// Merges the RFQ tables rfqinputAnn.txt and rfqinputV.txt of the input
+// folder into its rfqinput.txt and writes E0-z.txt there too; the output
+// folder is not used.
+void ReadRFQ(std::string& inputFolder, std::string& outputFolder);
+
 // The one tokeniser of all decks. Blank and tab separate tokens; "!" ends the
 // line and drops a token that no separator has closed yet, so a comment mark
 // needs a blank in front of it. Nothing else is stripped: a carriage return

@@ -286,6 +286,12 @@ void Initial::ApplyThreadSettings(int count) {
     if (maxThreads >= 1 && maxThreads < cores[k]) cores[k] = maxThreads;
     scParameters[10 + k] = static_cast<double>(cores[k]);
   }
+  // The solver settings are final here: refuse what the solvers cannot run
+  // with before anything is tracked. A secondary run calls no solver.
+  if (spaceCharge == 1 && secondaryBeam == 0) {
+    const std::string problem = PIC::CheckSettings(numOfGrid, scParameters, lpBoundary, count);
+    if (!problem.empty()) errorOut(problem);
+  }
 }
 
 void Initial::CheckBeamValues() const {

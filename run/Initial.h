@@ -59,12 +59,12 @@ class Initial {
   int ReadBeam();                                               // beam.txt
   int InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList);  // lattice.txt
   // Stops a run whose lattice cannot be tracked before anything is built:
-  // no start or end line, no element, or an error study this build cannot
-  // draw yet.
-  void CheckLattice(const Lattice& lattice, const ErrorParameter& error) const;
+  // no start or end line, or no element.
+  void CheckLattice(const Lattice& lattice) const;
   // Stops a run whose output folder cannot take its files.
   void CheckOutputFolder() const;
   int InitParticle(Beam& beam, ErrorSample& sample);            // builds the bunch
+  int SetSynPhase(Lattice& lattice);                             // entrance phase of each cavity
   int InitMethodMP(MethodMP& engine);
 
   // Reports a failure of the initialisation stage on the console and in

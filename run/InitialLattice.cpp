@@ -5,11 +5,14 @@
 #include "beamline/Bend.h"
 #include "beamline/Drift.h"
 #include "beamline/Quadrupole.h"
+#include "beamline/RFQ.h"
 #include "beamline/Solenoid.h"
 #include "beamline/Steerer.h"
+#include "run/BoundaryDeck.h"
 #include "run/DeckReading.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
+#include "run/SuperposedSet.h"
 
 using deck::ForEachTokenLine;
 using deck::NeedArguments;
@@ -104,7 +107,6 @@ constexpr double kMaxAutomaticPlanes = 100000.0;
 }  // namespace
 
 int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList) {
-  (void)boundaryList;
   std::ifstream file(inputFilePath + "lattice.txt");
   if (!file.is_open())
     errorOut("File \"lattice.txt\" cannot be opened, Check the inputFile routing and lattice.txt.");
@@ -114,6 +116,8 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
   bool closed = false;
   double automaticOutputStep = 0.0;
   int lastSteererLine = 0;  // element count right after the last steerer
+  int rfIndex = 0;          // running number of radio-frequency elements
+  SuperposedSet superposedSet;
 
   ForEachTokenLine(file, [&](std::vector<std::string>& token, int lineNumber, const std::string& line) {
     const std::string& key = token[0];
@@ -122,6 +126,10 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
         waitingForStart = false;
         latticeStarted = true;
       }
+      return true;
+    }
+    if (superposedSet.Open()) {
+      superposedSet.Read(token, lineNumber, lattice, error, rfIndex);
       return true;
     }
     const int elementCount = static_cast<int>(lattice.element.size());
@@ -178,9 +186,19 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       bool anyOn = false;
       error.elementSwitch.push_back(ElementSwitchRow(token, kind, sense, anyOn));
       if (anyOn) error.onFlag[2 + sense] = 1;
-    } else if (key == "field" || key == "rfq" || key == "superpose") {
-      // Dropping such a line would shift everything behind it upstream.
-      errorOut("lattice.txt: the keyword " + key + " is not supported by this build yet");
+    } else if (key == "field") {
+      AddFieldLine(token, lineNumber, rfIndex, lattice);
+    } else if (key == "superpose") {
+      superposedSet.Begin(token, lineNumber);
+    } else if (key == "rfq") {
+      // The tables are merged first; the element then numbers its cavity
+      // like a radio-frequency field. Its own SetParameter is not reached
+      // from here (it has another signature): the element keeps the type
+      // "drift" and no cells unless a caller configures it by hand.
+      ReadRFQ(inputFilePath, outputFilePath);
+      if (token.size() < 14) token.resize(14, "invalid");
+      token.push_back(std::to_string(rfIndex++));
+      lattice.SetElement(token, new RFQ());
     } else if (key == "end") {
       closed = latticeClosed = true;
       return false;
@@ -189,6 +207,7 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
     return true;
   });
   file.close();
+  superposedSet.EndOfDeck();
 
   if (closed) {
     error.elementNumber = static_cast<int>(lattice.element.size());
@@ -224,14 +243,12 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
     std::cout << "  " << std::endl;
   }
 
-  if (boundary == 1) errorOut("Aperture lists from boundary.txt are not supported by this build yet");
+  if (boundary == 1) ReadBoundaryDeck(lattice, boundaryList);
   return 0;
 }
 
-void Initial::CheckLattice(const Lattice& lattice, const ErrorParameter& error) const {
+void Initial::CheckLattice(const Lattice& lattice) const {
   if (!latticeStarted) errorOut("lattice.txt has no start line, so no element was read");
   if (!latticeClosed) errorOut("lattice.txt has no end line, the lattice is not closed");
   if (lattice.element.empty()) errorOut("lattice.txt holds no element between start and end");
-  if (error.onFlag[0] + error.onFlag[1] + error.onFlag[2] + error.onFlag[3] != 0)
-    errorOut("lattice.txt: error studies (err_ on-switches) are not supported by this build yet");
 }

@@ -49,8 +49,6 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
 
   if (lattice.element.empty()) errorOut("The lattice holds no element, check the start line of lattice.txt");
   if (lattice.outputPlane.empty()) errorOut("lattice.txt has no end line, the output planes are not closed");
-  if (spaceCharge == 1)
-    errorOut("Space-charge solvers are not available in this build; set spacecharge 0 in input.txt");
 
   Mesh mesh;
   mesh.Initial(numOfGrid, static_cast<double>(beam.particleNumber));
@@ -80,20 +78,22 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
   if (plan.sectionKind.front() != SectionPlan::kTimeCode)
     errorOut("Do not allow the first element to be a hard-edged model element; very short drift can be added at "
              "the beginning");
-  for (int kind : plan.sectionKind)
-    if (kind != SectionPlan::kTimeCode)
-      errorOut("Hard-edge transfer maps for quad, solenoid and bend are not available in this build yet");
+  CheckZcodeSections(lattice, plan.sectionElements, plan.elementCode);
 
   double time = beam.phaseHead;
   double dt = timeStep;
   double startPlane = 0.0;
   LeapFrog leapFrog;
-  std::size_t timeSection = 0;
+  std::size_t timeSection = 0, zSection = 0;
   for (int kind : plan.sectionKind) {
     if (kind == SectionPlan::kTimeCode) {
       tcodeRun(time, dt, startPlane, plan.stopCode[timeSection], plan.stopZ[timeSection], planeCrossing,
                curveCrossing, beam, lattice, pic, mesh, leapFrog, sample, boundaryList);
       ++timeSection;
+    } else {
+      zcodeRun(time, startPlane, plan.elementCode[zSection], plan.sectionElements[zSection], planeCrossing, beam,
+               lattice, pic, mesh, sample);
+      ++zSection;
     }
   }
 
@@ -177,8 +177,6 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
                         std::vector<double>& stopZ, CrossingTable& planeCrossing, CrossingTable& curveCrossing,
                         Beam& beam, Lattice& lattice, PIC& pic, Mesh& mesh, LeapFrog& leapFrog,
                         ErrorSample& sample, Boundary& boundaryList) {
-  (void)pic;
-  (void)mesh;
   (void)leapFrog;
   const double dt = stepSize;
   const double c = kLightSpeed;
@@ -229,8 +227,16 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
   double beta = std::sqrt(1.0 - 1.0 / g / g);
 
   for (;;) {
-    // 1. Self-field: the solvers join here; a run with space charge on is
-    // refused before tracking starts.
+    // 1. Self-field. The FFT solver runs at every step; S-PICNIC only when
+    // the bunch length has changed enough, else the last field stays.
+    if (spaceCharge == 1 && (pic.scMethod == 0.0 || pic.autoPIC(beam) == 1)) {
+      if (pic.Weight(mesh, beam, dt) != 0) errorOut(pic.fitFailure);
+      if (pic.scMethod == 0.0)
+        pic.FFT(mesh);
+      else
+        pic.PICNIC(mesh);
+      pic.Allocate(mesh, beam);
+    }
 
     // 2. The pooled push of the bunch.
     const auto pushStart = std::chrono::system_clock::now();
@@ -376,7 +382,7 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
       const double stopPlane = stopZ[stopIndex];
       stopIndex = next;
       if (code > 0) {
-        ApplySteerer(lattice, beam, planeCrossing, code);
+        ApplySteerer(lattice, beam, planeCrossing, code, lattice.element[code + 1]->length, true);
         // Earliest crossing time of the bunch, with the current thread count.
         double tmin = 1e10;
 #pragma omp parallel for reduction(min : tmin)
@@ -428,15 +434,15 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
   }
 }
 
-void MethodMP::ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code) {
-  const double c = kLightSpeed;
+void MethodMP::ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code, double length,
+                            bool clearEntry4) {
   std::vector<double> p;
   lattice.element[code]->GetParameter(p);
-  const double k = lattice.element[code + 1]->length * beam.particle[0].chargeMassRatio;
+  const double k = length * beam.particle[0].chargeMassRatio;
   double a, b;
   if (p[0] == 0.0) {  // magnetic: p[1] = Bx, p[2] = By
-    a = p[2] * k / c;
-    b = p[1] * k / c;
+    a = p[2] * k / kLightSpeed;
+    b = p[1] * k / kLightSpeed;
   } else {  // electric, by c squared
     a = p[1] * k / 8.987551787368176e+16;
     b = p[2] * k / 8.987551787368176e+16;
@@ -444,7 +450,7 @@ void MethodMP::ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, i
   for (int i = 0; i < beam.particleNumber; ++i) {
     std::vector<double>& r = rows[i];
     if (r[7] != 1.0) continue;
-    r[4] = 0.0;
+    if (clearEntry4) r[4] = 0.0;
     if (p[0] == 1.0) {
       const double G = std::sqrt(1.0 + r[1] * r[1] + r[3] * r[3] + r[5] * r[5]);
       const double rowBeta = std::sqrt(1.0 - 1.0 / G / G);

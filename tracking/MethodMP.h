@@ -53,6 +53,26 @@ class MethodMP : public ThreadPool {
   // Turns the crossing rows back into particles at the common time timeOut,
   // each on its straight line behind the plane z; clears every row.
   double zTotcode(double z, Beam& beam, CrossingTable& rows, double& timeOut);
+  // Walks one z-code section element by element through the hard-edge maps,
+  // with one space-charge kick at each element's middle; hands the bunch
+  // back to the time code at the section's end.
+  void zcodeRun(double& time, double& startPlane, std::vector<int>& elementCode, std::vector<int>& sectionElements,
+                CrossingTable& planeCrossing, Beam& beam, Lattice& lattice, PIC& pic, Mesh& mesh,
+                ErrorSample& sample);
+  // One map step of all alive rows from zStart to zEnd. kickMode 1 kicks by
+  // the self-field first, 2 leaves the mean arrival time in timeOut, 0 (and
+  // 1) the earliest; it comes back as 0.
+  void HardEdgeTrans(int element, double zStart, double zEnd, CrossingTable& states, Beam& beam, Lattice& lattice,
+                     int& kickMode, double& timeOut);
+  // The reference row through the whole element.
+  void HardEdgeTrans(int element, CrossingTable& states, Beam& beam, Lattice& lattice);
+  // Relative coordinates, mean and rms of the rows carried to the common
+  // time `time`, as the solver's mesh fit and deposition want them.
+  void HESCFieldPre(Beam& beam, CrossingTable& states, Lattice& lattice, double& time);
+  // Stops the run before anything moves when a z-code section holds an
+  // element that no map can carry, or an output plane it cannot write.
+  void CheckZcodeSections(Lattice& lattice, const std::vector<std::vector<int>>& sectionElements,
+                          const std::vector<std::vector<int>>& elementCode);
 
   // Exact statistics pass over the bunch.
   void UpdateBeamParameters(Beam& beam, Lattice& lattice);
@@ -71,9 +91,10 @@ class MethodMP : public ThreadPool {
  private:
   double latticeEnd = 0.0;  // m, end of the last element of the run's lattice
   void WriteBeamSetHeader(Beam& beam);
-  // Kicks the crossing rows by the steerer at lattice index `code`, over the
-  // length of the element behind it.
-  void ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code);
+  // Kicks the crossing rows by the steerer at lattice index `code`, acting
+  // over `length`. The time code clears entry 4 of each row; inside a
+  // hard-edge element it holds the first half's flight time and is kept.
+  void ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, int code, double length, bool clearEntry4);
   void ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryList, PreviousTable& previous, double time,
                       double dt);
   // Columns 14 to 17 of the line record: frame state, plane, steps in the

@@ -143,8 +143,6 @@ TEST(DeckValues, LatticeDeckRefusesWhatCannotBeTracked) {
       {"lattice.txt", "start\n", "", "lattice.txt has no start line, so no element was read"},
       {"lattice.txt", "", "", "lattice.txt has no start line, so no element was read"},
       {"lattice.txt", "", "start\noutputplane 0.5\nend\n", "lattice.txt holds no element between start and end"},
-      {"lattice.txt", "end\n", "err_step 2 1\nerr_quad_stat_on 1\nend\n",
-       R"(lattice.txt: error studies \(err_ on-switches\) are not supported by this build yet)"},
   });
 }
 

@@ -61,12 +61,12 @@ TEST(RunEndToEnd, DriftSteererDriftKeepsBeamAndKicksEveryParticle) {
 }
 
 // Status 2, the message on the console, one more stamped line in ErrorLog.txt (never emptied). Stops 1 mm apart
-// are closer than the bunch; an aperture of radius 0 takes every particle.
+// are closer than the bunch; an aperture of radius 1 nm takes every particle but the design particle on the axis.
 TEST(RunEndToEnd, StageFailuresExitWithStatusTwoAndLogLine) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"quad 0.1 0.02 0 10 0 0\ndrift 0.1 0.02 0\n", "Do not allow the first element to be a hard-edged model "
                                                    "element; very short drift can be added at the beginning"},
-      {"drift 0.05 0.0 0\n", "End of simulation, all particles lost"},
+      {"drift 0.05 1e-9 0\n", "End of simulation, all particles lost"},
       {"drift 0.05 0.02 0\noutputplane -0.001\n", "The output plane interval is less than the bunch length. "
                                              "Increase the output plane interval and restart the program"}};
   TempDir dir;
