@@ -3,6 +3,7 @@
 // phase.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -37,6 +38,17 @@ void ReadScanTable(std::ifstream& in, FieldMatrix& fieldM) {
     fieldM.phase.push_back(std::stod(field[0]));
     fieldM.time.push_back(std::stod(field[1]));
   }
+}
+
+// Radio-frequency elements of the lattice: the places of the phase tables.
+std::size_t CavityCount(const Lattice& lattice) {
+  std::size_t count = 0;
+  for (const Element* e : lattice.element) {
+    const std::vector<std::string>& token = e->parameter;
+    if (token.size() > 14 && (token[0] == "field" || token[0] == "rfq") && std::stod(token[5]) != 0.0)
+      count = std::max(count, static_cast<std::size_t>(std::stoi(token[14])) + 1);
+  }
+  return count;
 }
 
 // One cavity's worth of the scan, with the particle's entry state kept.
@@ -190,7 +202,14 @@ int Initial::SetSynPhase(Lattice& lattice) {
   if (scanPhase == 2) {
     std::ifstream in(inputFilePath + "scanData.txt");
     if (!in.is_open()) errorOut("scan phase file read error, check scanData.txt");
+    const std::size_t before = fieldM.phase.size();
     ReadScanTable(in, fieldM);
+    // A table from another lattice would leave cavities without a phase.
+    const std::size_t cavities = CavityCount(lattice), read = fieldM.phase.size() - before;
+    if (read < cavities)
+      errorOut("scanData.txt holds " + std::to_string(read) + " cavities, but the lattice has " +
+               std::to_string(cavities) + ": cavity " + std::to_string(read + 1) +
+               " has no phase; scan again (scanphase 1)");
     return 0;
   }
 

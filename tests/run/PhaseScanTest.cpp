@@ -132,6 +132,16 @@ TEST(PhaseScan, CavitiesInBeamlineOrderAndReuse) {
   const double end2 = Numbers(ReadLines(out2 + "/DataSet.txt").back())[0];
   EXPECT_NEAR(end1, end2, 2e-4);
 
+  // A table shorter than the lattice's cavities stops the reuse, naming the first cavity without a phase.
+  WriteFile(run.in + "/scanData.txt", ReadLines(run.in + "/scanData.txt")[0] + "\n");
+  const std::string outShort = run.dir.subdir("outShort");
+  const RunResult shortTable = RunKeld(run.in, outShort);
+  EXPECT_EQ(shortTable.status, 1);
+  EXPECT_NE(shortTable.output.find("\nscanData.txt holds 1 cavities, but the lattice has 2: cavity 2 has no phase; "
+                                   "scan again (scanphase 1)\n"),
+            std::string::npos)
+      << shortTable.output;
+
   // Without the table the reuse stops.
   std::remove((run.in + "/scanData.txt").c_str());
   const std::string out3 = run.dir.subdir("out3");
