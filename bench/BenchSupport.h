@@ -1,12 +1,16 @@
 #pragma once
 // A field-free beamline and a cold bunch for the benchmarks.
 #include <cmath>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "beam/Beam.h"
 #include "beamline/Drift.h"
 #include "beamline/Lattice.h"
+#include "run/ErrorSample.h"
+#include "spacecharge/ThreadPool.h"
+#include "tracking/TcodeTrans.h"
 
 namespace keldbench {
 
@@ -41,5 +45,65 @@ inline void MakeBunch(Beam& beam, int N, double gbz, double spread) {
   beam.zMin = -spread;
   beam.zMax = 0.0;
 }
+
+// Standard normal numbers from a fixed sequence: the sum of twelve uniform
+// draws of a linear congruential generator, so that every run of a benchmark
+// sees the same bunch.
+class NormalSequence {
+ public:
+  double operator()() {
+    double s = 0.0;
+    for (int k = 0; k < 12; ++k) {
+      state_ = state_ * 1664525u + 1013904223u;
+      s += (state_ >> 8) / 16777216.0;
+    }
+    return s - 6.0;
+  }
+
+ private:
+  unsigned state_ = 12345u;
+};
+
+// The engine's pooled push of a whole bunch: `threads` contiguous ranges of
+// slots on a pool, one TcodeTrans task each, with a single stop far ahead.
+class PooledPush {
+ public:
+  PooledPush(Lattice& lattice, Beam& beam, int threads, double referenceZ)
+      : lattice_(lattice), beam_(beam), threads_(threads), pool_(threads), sums_(threads),
+        planeCrossing_(beam.particleNumber + 1, std::vector<double>(8, 0.0)),
+        curveCrossing_(beam.particleNumber + 1, std::vector<double>(8, 0.0)), previous_(beam.particleNumber + 1) {
+    reference_[4] = referenceZ;
+    reference_[5] = 0.08;
+    const long N = beam.particleNumber;
+    for (int k = 0; k <= threads; ++k) rangeStart_.push_back(static_cast<int>(N * k / threads));
+  }
+
+  // One time step of dt; gamma is the bunch's, for the statistics.
+  void Step(double dt, double gamma) {
+    time_ += dt;
+    for (RangeAccumulator& s : sums_) s.Reset();
+    for (int k = 0; k < threads_; ++k)
+      pool_.enqueue(TcodeTrans, std::ref(lattice_), std::ref(beam_), -1.0, std::ref(sample_), std::cref(stopZ_),
+                    std::ref(planeCrossing_), std::ref(curveCrossing_), std::ref(previous_), time_, dt,
+                    static_cast<const double*>(reference_), std::ref(sums_), gamma, k, rangeStart_[k],
+                    rangeStart_[k + 1]);
+    pool_.wait_until_empty();
+    pool_.wait_until_nothing_in_flight();
+  }
+
+ private:
+  Lattice& lattice_;
+  Beam& beam_;
+  int threads_;
+  ThreadPool pool_;
+  std::vector<RangeAccumulator> sums_;
+  CrossingTable planeCrossing_, curveCrossing_;
+  PreviousTable previous_;
+  ErrorSample sample_;
+  const std::vector<double> stopZ_ = {100.0};
+  double reference_[6] = {0, 0, 0, 0, 0, 0};
+  std::vector<int> rangeStart_;
+  double time_ = 0.0;
+};
 
 }  // namespace keldbench

@@ -54,29 +54,9 @@ Rate PushRate(bool withMap, int N, int threads, int steps) {
   // The bunch starts well inside the element, so that every particle looks up the map at every step.
   for (int i = 0; i <= N; ++i) beam.particle[i].coordinate[4] += 0.3;
   beam.zMin += 0.3, beam.zMax += 0.3;
-  ErrorSample sample;
-  const std::vector<double> stopZ = {100.0};
-  CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
-  CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
-  PreviousTable previous(N + 1);
-  double reference[6] = {0, 0, 0, 0, 0.29, 0.08};
-  std::vector<RangeAccumulator> sums(threads);
-  std::vector<int> rangeStart;
-  for (int k = 0; k <= threads; ++k) rangeStart.push_back(static_cast<int>(static_cast<long>(N) * k / threads));
-
-  ThreadPool pool(threads);
+  keldbench::PooledPush push(lattice, beam, threads, 0.29);
   const double dt = 1.0 / 352.2e6 / 100.0;
-  double time = 0.0;
-  auto step = [&]() {
-    time += dt;
-    for (RangeAccumulator& s : sums) s.Reset();
-    for (int k = 0; k < threads; ++k)
-      pool.enqueue(TcodeTrans, std::ref(lattice), std::ref(beam), -1.0, std::ref(sample), std::cref(stopZ),
-                   std::ref(planeCrossing), std::ref(curveCrossing), std::ref(previous), time, dt,
-                   static_cast<const double*>(reference), std::ref(sums), 1.0, k, rangeStart[k], rangeStart[k + 1]);
-    pool.wait_until_empty();
-    pool.wait_until_nothing_in_flight();
-  };
+  auto step = [&]() { push.Step(dt, 1.0); };
   step();  // warm up: first touch of every page, and the first field lookup
   // The fastest of three rounds: on a shared machine the slower ones measure
   // the neighbours.

@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <vector>
 
 #include "BenchSupport.h"
-#include "spacecharge/ThreadPool.h"
-#include "tracking/TcodeTrans.h"
 
 namespace {
 
@@ -17,29 +14,9 @@ double PushRate(int N, int threads, int steps) {
   keldbench::MakeDriftLattice(lattice, 10, 10.0);
   Beam beam;
   keldbench::MakeBunch(beam, N, 0.08, 0.02);
-  ErrorSample sample;
-  const std::vector<double> stopZ = {100.0};
-  CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
-  CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
-  PreviousTable previous(N + 1);
-  double reference[6] = {0, 0, 0, 0, -0.01, 0.08};
-  std::vector<RangeAccumulator> sums(threads);
-  std::vector<int> rangeStart;
-  for (int k = 0; k <= threads; ++k) rangeStart.push_back(static_cast<int>(static_cast<long>(N) * k / threads));
-
-  ThreadPool pool(threads);
+  keldbench::PooledPush push(lattice, beam, threads, -0.01);
   const double dt = 1.0 / 352.2e6 / 100.0;
-  double time = 0.0;
-  auto step = [&]() {
-    time += dt;
-    for (RangeAccumulator& s : sums) s.Reset();
-    for (int k = 0; k < threads; ++k)
-      pool.enqueue(TcodeTrans, std::ref(lattice), std::ref(beam), -1.0, std::ref(sample), std::cref(stopZ),
-                   std::ref(planeCrossing), std::ref(curveCrossing), std::ref(previous), time, dt,
-                   static_cast<const double*>(reference), std::ref(sums), 1.0, k, rangeStart[k], rangeStart[k + 1]);
-    pool.wait_until_empty();
-    pool.wait_until_nothing_in_flight();
-  };
+  auto step = [&]() { push.Step(dt, 1.0); };
   step();  // warm up: first touch of every page
   const auto start = std::chrono::steady_clock::now();
   for (int s = 0; s < steps; ++s) step();

@@ -27,15 +27,7 @@ struct Phases {
 // at 352.2 MHz, from a fixed sequence of numbers.
 void MakeGaussianBunch(Beam& beam, int N) {
   keldbench::MakeBunch(beam, N, 0.08, 0.01);
-  unsigned state = 12345u;
-  auto normal = [&state]() {
-    double s = 0.0;
-    for (int k = 0; k < 12; ++k) {
-      state = state * 1664525u + 1013904223u;
-      s += (state >> 8) / 16777216.0;
-    }
-    return s - 6.0;
-  };
+  keldbench::NormalSequence normal;
   const double charge = 0.01 / 352.2e6 / N;
   for (int i = 0; i < N; ++i) {
     Particle& p = beam.particle[i];
@@ -65,16 +57,8 @@ Phases Measure(int N, int grid, double method, int threads, int steps) {
   MakeGaussianBunch(beam, N);
   Lattice lattice;
   keldbench::MakeDriftLattice(lattice, 1, 100.0);
-  ErrorSample sample;
-  const std::vector<double> stopZ = {100.0};
-  CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
-  CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
-  PreviousTable previous(N + 1);
-  double reference[6] = {0, 0, 0, 0, -0.01, 0.08};
-  std::vector<RangeAccumulator> sums(threads);
-  std::vector<int> rangeStart;
-  for (int k = 0; k <= threads; ++k) rangeStart.push_back(static_cast<int>(static_cast<long>(N) * k / threads));
-  ThreadPool pushPool(threads);
+  keldbench::PooledPush pooledPush(lattice, beam, threads, -0.01);
+
 
   std::vector<int> sizes = {grid, grid, grid};
   Mesh mesh;
@@ -90,7 +74,7 @@ Phases Measure(int N, int grid, double method, int threads, int steps) {
   PIC pic(mesh, beam, parameters, 0);
 
   const double dt = 1.0 / 352.2e6 / 100.0;
-  double time = 0.0, push = 0.0;
+  double push = 0.0;
   auto step = [&]() {
     pic.Weight(mesh, beam, dt);
     if (method == 0.0)
@@ -99,15 +83,7 @@ Phases Measure(int N, int grid, double method, int threads, int steps) {
       pic.PICNIC(mesh);
     pic.Allocate(mesh, beam);
     const auto start = std::chrono::steady_clock::now();
-    time += dt;
-    for (RangeAccumulator& s : sums) s.Reset();
-    for (int k = 0; k < threads; ++k)
-      pushPool.enqueue(TcodeTrans, std::ref(lattice), std::ref(beam), -1.0, std::ref(sample), std::cref(stopZ),
-                       std::ref(planeCrossing), std::ref(curveCrossing), std::ref(previous), time, dt,
-                       static_cast<const double*>(reference), std::ref(sums), beam.gamma, k, rangeStart[k],
-                       rangeStart[k + 1]);
-    pushPool.wait_until_empty();
-    pushPool.wait_until_nothing_in_flight();
+    pooledPush.Step(dt, beam.gamma);
     push += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   };
   step();  // warm up: first touch of every page

@@ -21,15 +21,7 @@ namespace {
 // carrying 10 mA at 352.2 MHz, all alive, from a fixed sequence of numbers.
 void MakeRows(Beam& beam, CrossingTable& rows, int N) {
   keldbench::MakeBunch(beam, N, 0.08, 0.01);
-  unsigned state = 12345u;
-  auto normal = [&state]() {
-    double s = 0.0;
-    for (int k = 0; k < 12; ++k) {
-      state = state * 1664525u + 1013904223u;
-      s += (state >> 8) / 16777216.0;
-    }
-    return s - 6.0;
-  };
+  keldbench::NormalSequence normal;
   rows.assign(N + 1, std::vector<double>(8, 0.0));
   const double charge = 0.01 / 352.2e6 / N;
   for (int i = 0; i < N; ++i) {
