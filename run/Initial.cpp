@@ -364,22 +364,25 @@ void Initial::CheckMemoryFor(int count) const {
 int Initial::InitParticle(Beam& beam, ErrorSample& sample) {
   ReadBeam();
 
-  const bool fromFile = secondaryBeam != 0 || particleDistributionPath != "unknown";
-  if (fromFile) {
-    if (secondaryBeam != 0 && particleDistributionPath.find('.') == std::string::npos)
-      errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
-    std::ifstream distribution(inputFilePath + particleDistributionPath, std::ios::binary);
-    if (!distribution.is_open())
-      errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
-    errorOut("Loading a particle distribution file is not supported by this build yet");
-  }
-
   // Beam errors act when either beam flag is on; their values are always in
   // row 0 of the dynamic set. A set that was never drawn counts as no error.
   const bool beamErrors = sample.onFlag[0] + sample.onFlag[1] != 0;
   const std::vector<double>* beamRow =
       beamErrors && !sample.dynamicSet.empty() && sample.dynamicSet[0].size() >= 14 ? &sample.dynamicSet[0] : nullptr;
-  GenerateBunch(beam, beamRow);
+
+  if (secondaryBeam != 0) {
+    const std::size_t point = particleDistributionPath.rfind('.');
+    if (point == std::string::npos)
+      errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
+    if (particleDistributionPath.substr(point + 1) == "dst")
+      LoadSecondaryDistribution(beam, beamRow);
+    else
+      LoadSecondaryText(beam);
+  } else if (particleDistributionPath != "unknown") {
+    LoadDistribution(beam, beamRow);
+  } else {
+    GenerateBunch(beam, beamRow);
+  }
   return 0;
 }
 

@@ -89,4 +89,23 @@ class Initial {
   double ToCommonTime(Beam& beam, Particle& p) const;
   // The bunch in the binary distribution layout, in the output folder.
   void WriteDistribution(const Beam& beam, const std::string& name) const;
+
+  // A binary distribution file as read: the file form of each particle.
+  struct LoadedDistribution {
+    char head[3] = {125, 100, 125};  // marker bytes, kept when rewritten
+    int count = 0;
+    double currentmA = 0.0;
+    double frequencyMHz = 0.0;
+    std::vector<std::vector<double>> rows;  // x (cm), x', y (cm), y', phase, energy (MeV)
+    double restEnergy = 0.0;                // MeV
+  };
+  void ReadDistributionFile(const std::string& name, LoadedDistribution& file);
+  void ApplyLoadedBeamErrors(LoadedDistribution& file, const std::vector<double>* beamErrors);
+  bool WriteLoadedDistribution(const LoadedDistribution& file) const;
+  double TakeLoadedBeam(Beam& beam, const LoadedDistribution& file);
+  void LoadDistribution(Beam& beam, const std::vector<double>* beamErrors);
+  void LoadSecondaryDistribution(Beam& beam, const std::vector<double>* beamErrors);
+  void LoadSecondaryText(Beam& beam);
+  void RequireReferenceEnergy() const;
+  void AddSecondaryReference(Beam& beam, double restEnergy);
 };

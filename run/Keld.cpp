@@ -41,7 +41,10 @@ void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample&
   {
     MethodMP engine;
     init.InitMethodMP(engine);
-    engine.Run(lattice, beam, sample, boundary);
+    if (init.secondaryBeam != 0)
+      engine.SeRun(lattice, beam, sample, boundary);
+    else
+      engine.Run(lattice, beam, sample, boundary);
     std::cout << "Simulated total time: " << ElapsedSeconds(t0) << " s" << std::endl;
   }
   delete[] beam.particle;

@@ -278,3 +278,37 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
   beam.rms[1] = std::sqrt(sy / static_cast<double>(count));
   beam.rms[2] = std::sqrt(sz / static_cast<double>(count));
 }
+
+void MethodMP::SeHardEdgeTrans(int element, double zFrom, double zTo, std::vector<double>& row, Particle& particle,
+                               Lattice& lattice, int reference) {
+  Element& e = *lattice.element[element];
+  double* r = row.data();
+  double length = zTo - zFrom;
+  switch (KindOf(e)) {
+    case MapKind::kQuad:
+      if (e.strength == 0.0)
+        StepRow<DriftMap, false>(DriftMap{length}, length, r, particle);
+      else
+        StepRow<QuadMap, false>(QuadMap{e.strength, length}, length, r, particle);
+      break;
+    case MapKind::kSolenoid:
+      if (e.strength == 0.0)
+        StepRow<DriftMap, false>(DriftMap{length}, length, r, particle);
+      else
+        StepRow<SolenoidMap, false>(SolenoidMap{e.strength, length}, length, r, particle);
+      break;
+    case MapKind::kBend: {
+      // The reference pass leaves its momentum in the bend; the particles
+      // after it read it back from there.
+      std::vector<double> v;
+      if (reference == 1) v.push_back(r[5]);
+      e.GetParameter(v);
+      const double arc = v[1];
+      length = 0.85 * arc > zTo - zFrom ? 0.5 * arc : arc;
+      StepRow<BendMap, false>(BendMap(v[2], v[3], v[4], length, v[5], v[0] != 0.0), length, r, particle);
+      break;
+    }
+    case MapKind::kNone:
+      break;
+  }
+}

@@ -74,6 +74,22 @@ class MethodMP : public ThreadPool {
   void CheckZcodeSections(Lattice& lattice, const std::vector<std::vector<int>>& sectionElements,
                           const std::vector<std::vector<int>>& elementCode);
 
+  // The secondary-beam run: the reference alone through the whole plan, then
+  // each macro particle alone, with its own clock and step and no self-field.
+  void SeRun(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& boundaryList);
+  // One time-code section for one particle; reference is 1 on the
+  // reference pass, which sets stepLimit.
+  void SeTRun(std::vector<int>& stopCode, std::vector<double>& stopZ, std::vector<double>& row, Particle& particle,
+              Lattice& lattice, LeapFrog& leapFrog, ErrorSample& sample, int reference, Boundary& boundaryList);
+  // One z-code section for one particle's crossing row.
+  void SeZRun(std::vector<int>& elementCode, std::vector<int>& sectionElements, std::vector<double>& row,
+              Particle& particle, Lattice& lattice, ErrorSample& sample, int reference);
+  // One whole map of a hard-edge element on one row, without kick.
+  void SeHardEdgeTrans(int element, double zFrom, double zTo, std::vector<double>& row, Particle& particle,
+                       Lattice& lattice, int reference);
+  // outData_<z>.txt: emptied by the reference pass, one line per particle.
+  void SePlaneOut(Particle& particle, std::vector<double>& row, double z, int reference);
+
   // Exact statistics pass over the bunch.
   void UpdateBeamParameters(Beam& beam, Lattice& lattice);
   void synPout(Beam& beam, double& time);
