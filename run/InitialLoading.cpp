@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,13 @@ namespace {
 // Bytes of the fixed parts of the binary layout: header and rest energy.
 constexpr long long kHeaderBytes = 23;
 constexpr long long kRowBytes = 48;
+
+// Enough digits to tell two rest energies apart.
+std::string Precise(double value) {
+  std::ostringstream s;
+  s << std::setprecision(12) << value;
+  return s.str();
+}
 
 bool AllFinite(const std::vector<double>& values) {
   for (double v : values)
@@ -76,8 +85,8 @@ void Initial::ReadDistributionFile(const std::string& name, LoadedDistribution& 
   // The energies of the file are turned into momenta with the deck's rest
   // energy; a bunch of another species would be tracked at the wrong speed.
   if (!(std::fabs(file.restEnergy - particleRestMass) <= 1e-9 * particleRestMass))
-    errorOut(name + ": the distribution file gives a rest energy of " + FormatNumber(file.restEnergy) +
-             " MeV, but beam.txt gives particlerestmass " + FormatNumber(particleRestMass) + " MeV");
+    errorOut(name + ": the distribution file gives a rest energy of " + Precise(file.restEnergy) +
+             " MeV, but beam.txt gives particlerestmass " + Precise(particleRestMass) + " MeV");
   if (numOfCharge == -1.0)
     errorOut("beam.txt lacks the keyword numofcharge, which the loading of " + name + " needs");
 }
