@@ -306,6 +306,11 @@ void Initial::LoadSecondaryText(Beam& beam) {
   beam.current = 0.0;
   beam.solverRecord = scSolverRecord;
   RequireReferenceEnergy();
+  // The list carries no frequency; the phase scan and the time step of the
+  // reference take the deck's.
+  if (!(frequency > 0.0))
+    errorOut("beam.txt lacks the keyword frequency (or gives 0 or below), which the phase scan of a secondary beam "
+             "needs");
   std::cout << "Synchronous particle energy " << kineticEnergy << "(MeV)" << std::endl;
 
   const double c = kLightSpeed;

@@ -159,7 +159,7 @@ TEST(DistributionLoading, SecondaryTextListGivesEachParticleItsSpecies) {
   s.init.releaseDistance = 0.001;
   WriteFile(s.dir.file("sec.txt"), "0.001 -0.002 0.3  1e5 2e5 2e7  2 1875.6 10 1e-9 deuteron ! a comment\n"
                                    "0 0 0.5  0 0 1e7  1 938.272029 1 0 proton\n");
-  const std::string out = s.Run("numofcharge 1\nkneticenergy 3\nreadparticledistribution sec.txt\n");
+  const std::string out = s.Run("numofcharge 1\nkneticenergy 3\nfrequency 1e8\nreadparticledistribution sec.txt\n");
   EXPECT_TRUE(Has(out, "Start reading secondary particle distribution...")) << out;
   ASSERT_EQ(s.beam.particleNumber, 2);
   EXPECT_EQ(s.beam.frequency, 0.0);
@@ -224,6 +224,9 @@ TEST(DistributionLoading, BadFilesStopTheRun) {
        "0 0 0 0 0 1e7 1 938.272029 1 0 p\n",
        "beam.txt lacks the keyword kneticenergy (or gives 0 or below), which the reference particle of a "
        "secondary beam needs"},
+      {"secondarybeam 1\n", "frequency -1\nreadparticledistribution s.txt\n", "s.txt",
+       "0 0 0 0 0 1e7 1 938.272029 1 0 p\n",
+       "beam.txt lacks the keyword frequency (or gives 0 or below), which the phase scan of a secondary beam needs"},
   };
   for (const Case& c : cases) {
     WriteFile(in + "/input.txt", "spacecharge 0\n" + c.input);
