@@ -186,3 +186,34 @@ TEST(SecondaryRun, EmptyListAndHardEdgeStart) {
             std::string::npos)
       << r.output;
 }
+
+// A hard-edge quadrupole maps each particle alone: x cos(kL) and -x k sin(kL) with k from the particle's own
+// rigidity; the plane at its exit gets a line for every particle still alive there, and a particle at or beyond
+// the quadrupole's radius is lost in it without a line in collisionData.txt.
+TEST(SecondaryRun, HardEdgeQuadrupoleMapsEachParticle) {
+  TempDir dir;
+  const std::string in = dir.subdir("in"), out = dir.subdir("out");
+  WriteFile(in + "/input.txt", "spacecharge 0\nsteppercycle 100 0.001\nsecondarybeam 1\n");
+  WriteFile(in + "/beam.txt", "numofcharge 1\nkneticenergy 3.0\nfrequency 352.2e6\nreadparticledistribution s.txt\n");
+  WriteFile(in + "/lattice.txt",
+            "start\ndrift 0.1 0.05 0\nquad 0.1 0.004 0 5 0 0\noutputplane 0\ndrift 0.1 0.05 0\nend\n");
+  const double g = 1 + 3 / kRest, bg = std::sqrt(g * g - 1), v = 299792458.0 * bg / g;
+  std::ostringstream list;
+  list << std::setprecision(17);
+  for (int i = 0; i < 6; ++i) list << 0.001 * i << " 0 0 0 0 " << v << " 1 938.272029 1 0 proton\n";
+  WriteFile(in + "/s.txt", list.str());
+  const RunResult r = RunKeld(in, out);
+  ASSERT_EQ(r.status, 0) << r.output;
+  const auto exit = PlaneLines(out + "/outData_0.200000.txt");
+  ASSERT_EQ(exit.size(), 5u);  // x = 5 mm is at the 4 mm radius
+  EXPECT_EQ(ReadFile(out + "/collisionData.txt"), "");
+  const double k = std::sqrt(5.0 / (bg * kRest * 1e6 / 299792458.0)), kl = 0.1 * k;
+  // The ion's charge-to-mass ratio comes from the proton mass in kg, which
+  // agrees with the rest energy in MeV to a few parts in 1e7.
+  for (const auto& [i, s] : exit) {
+    EXPECT_NEAR(s[0], 0.001 * i * std::cos(kl), 1e-7 * 0.001 * i) << i;
+    EXPECT_NEAR(s[1] / s[5], -0.001 * i * k * std::sin(kl), 1e-6 * 0.002 * i) << i;
+    EXPECT_NEAR(s[4], 0.2 / v, 1e-15) << i;
+  }
+  EXPECT_EQ(PlaneLines(out + "/outData_0.300000.txt").size(), 5u);
+}
