@@ -59,7 +59,7 @@ pytest: build
 # or 2, no hang, no crash, no NaN after a success). Decks of failed runs are
 # kept in out/fuzz/.
 FUZZ_COUNT ?= 2000
-FUZZ_MAPS  = fieldmap cavity errors
+FUZZ_MAPS  = fieldmap cavity errors secondary
 fuzz: build
 	@rm -rf out/fuzz
 	@for e in $(FUZZ_MAPS); do examples/$$e/run.sh $(BUILD) out/fuzz-$$e > /dev/null; done
