@@ -13,15 +13,18 @@ using namespace keldtest;
 
 namespace {
 // 3 MeV protons at 352.2 MHz, no current; rms size about 0.9 mm, or 0.3 mm with `emittance` 0.02.
+// With `start`, the bunch is loaded from that distribution file, so that two runs compare on the same particles.
 RunResult RunDeck(const TempDir& dir, const std::string& out, int particles, const std::string& lattice,
-                  const std::string& emittance = "0.2") {
+                  const std::string& emittance = "0.2", const std::string& start = "") {
   const std::string in = dir.file("in");
+  if (!start.empty()) WriteFile(in + "/start.dst", ReadFile(start));
   WriteFile(in + "/input.txt", "spacecharge 0\nsteppercycle 50\nsetnumberofcores 2 1 2 1 1 2 1 1 1 1\n");
   WriteFile(in + "/beam.txt",
             "kindofparticle proton\nparticlerestmass 938.272029\nnumofcharge 1\nkneticenergy 3.0\nfrequency 352.2e6\n"
             "current 0\ndistribution GS GS\ntwissx -0.5 0.3 " + emittance + "\ntwissy 0.5 0.3 " + emittance +
             "\ntwissz 0.0 3.2 0.1\n"
-            "particlenumber " + std::to_string(particles) + "\n");
+            "particlenumber " + std::to_string(particles) + "\n" +
+                (start.empty() ? "" : "readparticledistribution start.dst\n"));
   WriteFile(in + "/lattice.txt", "start\n" + lattice + "end\n");
   return RunKeld(in, out);
 }
@@ -107,7 +110,8 @@ TEST(FieldMapRun, MapQuadrupoleMatchesTheHardEdgeQuad) {
   const std::string outMap = dir.subdir("map"), outQuad = dir.subdir("quad");
   const int n = 1000;
   const RunResult a = RunDeck(dir, outMap, n, "drift 0.1 0.05 0\nfield 0.1 0.05 0 3 0 0 0 1 quad\ndrift 0.2 0.05 0\n", "0.02");
-  const RunResult b = RunDeck(dir, outQuad, n, "drift 0.1 0.05 0\nquad 0.1 0.05 0 5 0 0\ndrift 0.2 0.05 0\n", "0.02");
+  const RunResult b = RunDeck(dir, outQuad, n, "drift 0.1 0.05 0\nquad 0.1 0.05 0 5 0 0\ndrift 0.2 0.05 0\n", "0.02",
+                              outMap + "/inData.dst");  // the same particles
   ASSERT_EQ(a.status, 0) << a.output;
   ASSERT_EQ(b.status, 0) << b.output;
   const std::string dstMap = ReadFile(outMap + "/outData_0.400000.dst"), dstQuad = ReadFile(outQuad + "/outData_0.400000.dst");
