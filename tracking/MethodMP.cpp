@@ -58,17 +58,7 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
   CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
   CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
 
-  errSampleOut(sample);
-  if (sample.onFlag[2] == 1 || sample.onFlag[3] == 1) lattice.SetErrInEle(sample);
-  if (sample.onFlag[0] == 0 && sample.onFlag[1] == 0 && sample.onFlag[2] == 0 && sample.onFlag[3] == 0)
-    sample.sampleNumber = 1;
-
-  std::cout << "The total distance simulated is " << lattice.zEnd.back() << " (m)" << std::endl;
-  std::cout << "Start simulation, start time " << TimeStamp() << std::endl;
-
-  for (const char* name : {"DataSet.txt", "synParticle.txt", "test.txt", "testP.txt", "collisionData.txt"})
-    std::ofstream(outputFilePath + name, std::ios::trunc);
-  if (dumpPeriodicity != 0) WriteBeamSetHeader(beam);
+  BeginRun(lattice, beam, sample, {"DataSet.txt", "synParticle.txt", "test.txt", "testP.txt", "collisionData.txt"});
 
   SectionPlan plan = SectionPlan::Build(lattice, outputPlanes);
   latticeEnd = lattice.zEnd.back();
@@ -102,6 +92,19 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
             << pic.solveCount << std::endl;
   timeTotal += ElapsedMicroseconds(t0);
   WriteSimulationTime(pic);
+}
+
+void MethodMP::BeginRun(Lattice& lattice, Beam& beam, ErrorSample& sample, std::initializer_list<const char*> emptied) {
+  errSampleOut(sample);
+  if (sample.onFlag[2] == 1 || sample.onFlag[3] == 1) lattice.SetErrInEle(sample);
+  if (sample.onFlag[0] == 0 && sample.onFlag[1] == 0 && sample.onFlag[2] == 0 && sample.onFlag[3] == 0)
+    sample.sampleNumber = 1;
+
+  std::cout << "The total distance simulated is " << lattice.zEnd.back() << " (m)" << std::endl;
+  std::cout << "Start simulation, start time " << TimeStamp() << std::endl;
+
+  for (const char* name : emptied) std::ofstream(outputFilePath + name, std::ios::trunc);
+  if (dumpPeriodicity != 0) WriteBeamSetHeader(beam);
 }
 
 void MethodMP::WriteBeamSetHeader(Beam& beam) {

@@ -1,6 +1,7 @@
 #pragma once
 #include <array>
 #include <chrono>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -106,6 +107,9 @@ class MethodMP : public ThreadPool {
 
  private:
   double latticeEnd = 0.0;  // m, end of the last element of the run's lattice
+  // What both runs do first: the error sample's files and element errors,
+  // the opening lines, the emptied output files and the dump header.
+  void BeginRun(Lattice& lattice, Beam& beam, ErrorSample& sample, std::initializer_list<const char*> emptied);
   void WriteBeamSetHeader(Beam& beam);
   // Kicks the crossing rows by the steerer at lattice index `code`, acting
   // over `length`. The time code clears entry 4 of each row; inside a

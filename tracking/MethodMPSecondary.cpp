@@ -23,17 +23,8 @@ void MethodMP::SeRun(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary
   mesh.Initial(numOfGrid, static_cast<double>(beam.particleNumber));
   PIC pic(mesh, beam, scParameters, lpBoundary);
 
-  errSampleOut(sample);
-  if (sample.onFlag[2] == 1 || sample.onFlag[3] == 1) lattice.SetErrInEle(sample);
-  if (sample.onFlag[0] == 0 && sample.onFlag[1] == 0 && sample.onFlag[2] == 0 && sample.onFlag[3] == 0)
-    sample.sampleNumber = 1;
-
-  std::cout << "The total distance simulated is " << lattice.zEnd.back() << " (m)" << std::endl;
-  std::cout << "Start simulation, start time " << TimeStamp() << std::endl;
-
-  for (const char* name : {"DataSet.txt", "synParticle.txt", "SeSynParticle.txt", "testP.txt", "collisionData.txt"})
-    std::ofstream(outputFilePath + name, std::ios::trunc);
-  if (dumpPeriodicity != 0) WriteBeamSetHeader(beam);
+  BeginRun(lattice, beam, sample,
+           {"DataSet.txt", "synParticle.txt", "SeSynParticle.txt", "testP.txt", "collisionData.txt"});
 
   SectionPlan plan = SectionPlan::Build(lattice, outputPlanes);
   latticeEnd = lattice.zEnd.back();
