@@ -540,22 +540,24 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
     beam.phaseHead = minPhase / (kTwoPi * beam.frequency);
     double gammaSum = 0.0;
     for (int i = 0; i < N; ++i) gammaSum += ToCommonTime(beam, beam.particle[i]);
-
-    // The reference slot: on axis, at the centre of the bunch, with its mean gamma.
-    Particle& reference = beam.particle[N];
-    const double g = gammaSum / N;
-    const double b = std::sqrt(1.0 - 1.0 / (g * g));
-    double* q = reference.coordinate;
-    q[0] = q[1] = q[2] = q[3] = 0.0;
-    q[4] = beam.phaseHead * b * c;
-    q[5] = g * b;
-    for (double& f : reference.spaceChargeField) f = 0.0;
-    reference.relativeCoordinate[0] = reference.relativeCoordinate[1] = reference.relativeCoordinate[2] = 0.0;
+    PlaceReference(beam, gammaSum / N);
   }
 
   std::cout << "Synchron particle addition completed" << std::endl;
   std::cout << "Bunch initialisation complete" << std::endl;
   std::cout << "  " << std::endl;
+}
+
+void Initial::PlaceReference(Beam& beam, double meanGamma) const {
+  Particle& reference = beam.particle[beam.particleNumber];
+  const double g = meanGamma;
+  const double b = std::sqrt(1.0 - 1.0 / (g * g));
+  double* q = reference.coordinate;
+  q[0] = q[1] = q[2] = q[3] = 0.0;
+  q[4] = beam.phaseHead * b * kLightSpeed;
+  q[5] = g * b;
+  for (double& f : reference.spaceChargeField) f = 0.0;
+  reference.relativeCoordinate[0] = reference.relativeCoordinate[1] = reference.relativeCoordinate[2] = 0.0;
 }
 
 double Initial::ToCommonTime(Beam& beam, Particle& p) const {

@@ -87,6 +87,9 @@ class Initial {
   void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
   // Moves one particle from the file form to the head's time; returns its gamma.
   double ToCommonTime(Beam& beam, Particle& p) const;
+  // The reference slot: on axis, at the centre of the bunch, with the mean
+  // gamma of the bunch at the head's time.
+  void PlaceReference(Beam& beam, double meanGamma) const;
   // The bunch in the binary distribution layout, in the output folder.
   void WriteDistribution(const Beam& beam, const std::string& name) const;
 

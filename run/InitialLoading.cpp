@@ -183,13 +183,7 @@ void Initial::LoadDistribution(Beam& beam, const std::vector<double>* beamErrors
         if (!std::isfinite(v))
           errorOut(particleDistributionPath + ": particle " + std::to_string(i) +
                    " has no finite state at the head's time; check its energy and angles");
-    Particle& reference = beam.particle[N];
-    const double g = gammaSum / N;
-    const double b = std::sqrt(1.0 - 1.0 / (g * g));
-    double* q = reference.coordinate;
-    q[0] = q[1] = q[2] = q[3] = 0.0;
-    q[4] = beam.phaseHead * b * kLightSpeed;
-    q[5] = g * b;
+    PlaceReference(beam, gammaSum / N);
     std::cout << "Synchronised particles have been added" << std::endl;
     std::cout << "Beam initialisation complete" << std::endl;
     std::cout << "  " << std::endl;
