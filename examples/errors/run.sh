@@ -6,14 +6,7 @@
 # Usage: examples/errors/run.sh [build folder, default "build"] [output folder, default "out/errors"]
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
-root="$(cd "$here/../.." && pwd)"
-build="${1:-${BUILD:-build}}"
-out="${2:-out/errors}"
-cd "$root"
-if [ ! -x "$build/keld" ] || [ ! -x "$build/keld-fieldmap" ]; then
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)"
-fi
+. "$here/../setup.sh" out/errors "$@"
 
 rm -rf "$out" && mkdir -p "$out/in" "$out/study" "$out/slice"
 cp "$here"/input.txt "$here"/beam.txt "$here"/lattice.txt "$here"/boundary.txt "$out/in/"

@@ -4,14 +4,7 @@
 # Usage: examples/fieldmap/run.sh [build folder, default "build"] [output folder, default "out/fieldmap"]
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
-root="$(cd "$here/../.." && pwd)"
-build="${1:-${BUILD:-build}}"
-out="${2:-out/fieldmap}"
-cd "$root"
-if [ ! -x "$build/keld" ] || [ ! -x "$build/keld-fieldmap" ]; then
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target keld keld-fieldmap
-fi
+. "$here/../setup.sh" out/fieldmap "$@"
 
 # The decks and the map go to a work folder, so the example folder stays clean.
 rm -rf "$out" && mkdir -p "$out/in" "$out/out"

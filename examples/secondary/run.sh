@@ -5,14 +5,7 @@
 # Usage: examples/secondary/run.sh [build folder, default "build"] [output folder, default "out/secondary"]
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
-root="$(cd "$here/../.." && pwd)"
-build="${1:-${BUILD:-build}}"
-out="${2:-out/secondary}"
-cd "$root"
-if [ ! -x "$build/keld" ] || [ ! -x "$build/keld-fieldmap" ]; then
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-  cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target keld keld-fieldmap
-fi
+. "$here/../setup.sh" out/secondary "$@"
 
 rm -rf "$out" && mkdir -p "$out/in" "$out/out"
 cp "$here"/input.txt "$here"/beam.txt "$here"/lattice.txt "$here"/boundary.txt "$here"/secondary.txt "$out/in/"
