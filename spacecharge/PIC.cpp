@@ -75,8 +75,11 @@ void PIC::Initial(Mesh& mesh, Beam& beam, std::vector<double>& parameters) {
   allocateRanges = SplitRanges(N, threadPlan[9]);
   threadPlan[9] = static_cast<int>(allocateRanges.size()) - 1;
 
-  // S-PICNIC: the reach comes from Nx alone on every axis.
-  reachX = reachY = reachZ = static_cast<int>(std::lround(3.0 * nx / 4.0));
+  // S-PICNIC: the reach of each axis is three quarters of that axis's own
+  // node count, so that a grid longer in z is summed over its whole length.
+  reachX = static_cast<int>(std::lround(3.0 * nx / 4.0));
+  reachY = static_cast<int>(std::lround(3.0 * ny / 4.0));
+  reachZ = static_cast<int>(std::lround(3.0 * nz / 4.0));
   nearLimit = static_cast<int>(std::ceil((nx / 2.0 + 1.0) * (nx / 2.0 + 1.0)));
   for (int k = 0; k < 3; ++k) integralGrid[k] = static_cast<int>(parameters[4 + k]);
   tabulationRanges = SplitRanges(reachX * reachY, threadPlan[6]);

@@ -19,8 +19,7 @@ void Calculate_Tabulation(std::vector<double>& kernel, const std::vector<int>& i
   const std::size_t sb = 2 * static_cast<std::size_t>(nz) + 1, sa = (2 * static_cast<std::size_t>(ny) + 1) * sb;
   const int gx = integralGrid[0], gy = integralGrid[1], gz = integralGrid[2];
   const double subVolume = (hx / gx) * (hy / gy) * (hz / gz);
-  // The table holds distances up to N on each axis; a reach beyond that (the
-  // reach comes from Nx alone) is never read.
+  // The table holds distances up to N on each axis.
   const int dkEnd = std::min(reachZ, nz + 1);
   (void)reachX;  // the pairs are numbered di reachY + dj
   for (int pair = first; pair < last; ++pair) {
@@ -146,7 +145,8 @@ void PIC::PICNIC(Mesh& mesh) {
   // each node sees under the octant symmetry is read from the upper octant,
   // with what lies at or below the threshold dropped.
   start = std::chrono::system_clock::now();
-  negligibleCharge = negligibleRatio * mesh.rho[mesh.Index(nxHalf, nyHalf, nzHalf)];
+  // Magnitudes, so that a bunch of negative ions keeps its strong nodes.
+  negligibleCharge = negligibleRatio * std::fabs(mesh.rho[mesh.Index(nxHalf, nyHalf, nzHalf)]);
   for (int a = 0; a < nx; ++a)
     for (int b = 0; b < ny; ++b) {
       const int ma = a < nxHalf ? nx - 1 - a : a, mb = b < nyHalf ? ny - 1 - b : b;
@@ -156,7 +156,7 @@ void PIC::PICNIC(Mesh& mesh) {
       int firstC = nz, endC = 0;
       for (int c = 0; c < nz; ++c) {
         const double q = source[c < nzHalf ? nz - 1 - c : c];
-        target[c] = q > negligibleCharge ? q : 0.0;
+        target[c] = std::fabs(q) > negligibleCharge ? q : 0.0;
         if (target[c] != 0.0) {
           firstC = std::min(firstC, c);
           endC = c + 1;

@@ -161,8 +161,12 @@ void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTa
   if (mode == 2) {
     if (aliveCount > 0) timeOut = timeSum / static_cast<double>(aliveCount);
   } else {
-    // The earliest time of all rows, alive or not.
-    for (int i = 0; i < n; ++i) timeOut = std::min(timeOut, states[i][6]);
+    // The earliest time of the rows still carried. A particle lost before or
+    // inside the section has a cleared row, whose time 0 would put the bunch
+    // back to the start of the line.
+    for (int i = 0; i < n; ++i)
+      if (states[i][7] == 1.0) timeOut = std::min(timeOut, states[i][6]);
+    if (timeOut == 1e10) timeOut = states[n][6];  // nobody left: the reference's time
   }
 }
 
