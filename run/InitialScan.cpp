@@ -13,6 +13,7 @@
 
 #include "beam/PhysicalConstants.h"
 #include "beam/SynParticle.h"
+#include "beamline/PlaneFrame.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
@@ -264,15 +265,12 @@ int Initial::SetSynPhase(Lattice& lattice) {
       syn.Update(dt);
       t += dt;
       if (lattice.planeIndex < static_cast<int>(lattice.outputPlane.size()) && e->outputMark != 0) {
+        // The plane's frame is the one the bunch crosses: the design particle
+        // goes on behind it with its momentum turned into the new axis.
         const std::vector<double>& plane = lattice.outputPlane[lattice.planeIndex];
-        const FrameRotation frame(plane[3], plane[4], plane[5]);
-        double xo = before[0] - plane[1], yo = before[2] - plane[2], zo = before[4] - plane[0];
-        double xn = q[0] - plane[1], yn = q[2] - plane[2], zn = q[4] - plane[0];
-        frame.Apply(xo, yo, zo);
-        frame.Apply(xn, yn, zn);
-        if (zn > 0.0) {
-          const double f = zo / (zo - zn);
-          for (int k = 0; k < 6; ++k) q[k] = before[k] + (q[k] - before[k]) * f;
+        double at[6], f;
+        if (PlaneFrame(plane).Crossing(lattice.zStart[i], before.data(), q.data(), at, f)) {
+          q.assign(at, at + 6);
           q[4] = plane[6];
           t = t - dt + f * dt;
           if (plane[6] == zLast) {

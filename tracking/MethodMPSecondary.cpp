@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "beam/LeapFrog.h"
+#include "beamline/PlaneFrame.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
 #include "tracking/MethodMP.h"
@@ -170,18 +171,9 @@ void MethodMP::SeTRun(std::vector<int>& stopCode, std::vector<double>& stopZ, st
     // put on the plane, in the plane's frame.
     if (p.nextBend < lattice.planeCount && lattice.element[p.indexElem]->outputMark != 0) {
       const std::vector<double>& R = lattice.outputPlane[p.nextBend];
-      const FrameRotation frame(R[3], R[5], R[4]);
-      const double zs = lattice.zStart[p.indexElem];
-      double cur[6] = {q[0] - R[1], q[1], q[2] - R[2], q[3], q[4] - R[0] - zs, q[5]};
-      frame.Apply(cur[0], cur[2], cur[4]);
-      if (cur[4] > 0.0) {
-        double pre[6] = {previous[0] - R[1], previous[1], previous[2] - R[2], previous[3],
-                         previous[4] - R[0] - zs, previous[5]};
-        frame.Apply(pre[0], pre[2], pre[4]);
-        frame.Apply(cur[1], cur[3], cur[5]);
-        frame.Apply(pre[1], pre[3], pre[5]);
-        const double f = pre[4] / (pre[4] - cur[4]);
-        for (int k = 0; k < 6; ++k) q[k] = pre[k] + (cur[k] - pre[k]) * f;
+      double at[6], f;
+      if (PlaneFrame(R).Crossing(lattice.zStart[p.indexElem], previous.data(), q, at, f)) {
+        for (int k = 0; k < 6; ++k) q[k] = at[k];
         q[4] = R[6];
         p.startTime += (f - 1.0) * dt;
         if (R[6] == lastEnd) {

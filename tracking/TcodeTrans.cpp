@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "beam/LeapFrog.h"
-#include "run/HelperFunc.h"
+#include "beamline/PlaneFrame.h"
 
 void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sample,
                 const std::vector<double>& stopZ, CrossingTable& planeCrossing, CrossingTable& curveCrossing,
@@ -27,8 +27,8 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
   const double cb = std::cos(beam.bendAngle), sb = std::sin(beam.bendAngle);
   const double* b = referenceCoordinate;
   const std::vector<double>* planeRow = curvedPlane ? &lattice.outputPlane[lattice.planeIndex] : nullptr;
-  const FrameRotation planeFrame = planeRow ? FrameRotation((*planeRow)[3], (*planeRow)[5], (*planeRow)[4])
-                                            : FrameRotation(0.0, 0.0, 0.0);
+  static const std::vector<double> kNoPlane(7, 0.0);
+  const PlaneFrame planeFrame(planeRow ? *planeRow : kNoPlane);
 
   for (int i = first; i < end; ++i) {
     Particle& p = beam.particle[i];
@@ -117,18 +117,10 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
 
     // 9. Crossing of a rotated plane, in the plane's own frame.
     if (curvedPlane && lattice.element[p.indexElem]->outputMark != 0 && curveCrossing[i][7] == 0.0) {
-      const std::vector<double>& R = *planeRow;
-      const double zs = lattice.zStart[p.indexElem];
-      double cur[6] = {q[0] - R[1], q[1], q[2] - R[2], q[3], q[4] - R[0] - zs, q[5]};
-      planeFrame.Apply(cur[0], cur[2], cur[4]);
-      if (cur[4] > 0.0) {
-        double pre[6] = {old[0] - R[1], old[1], old[2] - R[2], old[3], old[4] - R[0] - zs, old[5]};
-        planeFrame.Apply(pre[0], pre[2], pre[4]);
-        planeFrame.Apply(cur[1], cur[3], cur[5]);
-        planeFrame.Apply(pre[1], pre[3], pre[5]);
-        const double f = pre[4] / (pre[4] - cur[4]);
+      double at[6], f;
+      if (planeFrame.Crossing(lattice.zStart[p.indexElem], old.data(), q, at, f)) {
         std::vector<double>& row = curveCrossing[i];
-        for (int k = 0; k < 6; ++k) row[k] = pre[k] + (cur[k] - pre[k]) * f;
+        for (int k = 0; k < 6; ++k) row[k] = at[k];
         row[6] = time + (f - 1.0) * dt;
         row[7] = 1.0;
         ++acc.crossedCount;

@@ -183,53 +183,56 @@ TEST(SelfForce, SymmetricBunchPushesItsCentreNowhere) {
 // potential on the eight mirrors, and per task the last correction alone.
 // The solver's faster walk must give the same potential to the last bit.
 TEST(PICNICSolver, MatchesTheNodeByNodeDefinition) {
-  const int n = 8, half = n / 2;
+  // Longer in z, so that each axis's reach shows.
+  const int n = 8, half = n / 2, nz = 12, halfZ = nz / 2;
   Mesh mesh;
-  std::vector<int> grid = {n, n, n};
+  std::vector<int> grid = {n, n, nz};
   mesh.Initial(grid, 0);
   TestBeam none(0, 0.0);
   std::vector<double> p = Parameters(1.0, 3.0, 3);
   PIC pic(mesh, none.beam, p, 0);
+  ASSERT_EQ(pic.reachZ, 9);
   pic.hx = 1e-3, pic.hy = 0.7e-3, pic.hz = 1.3e-3;
   pic.cellVolume = pic.hx * pic.hy * pic.hz;
   unsigned state = 3;
   for (double& q : mesh.rho) q = 1e-15 * (Spread(state) + 1.0);  // some negative, some below the threshold
-  mesh.rho[mesh.Index(half, half, half)] = 2e-15;
+  // A negative centre: the threshold is a share of its magnitude.
+  mesh.rho[mesh.Index(half, half, halfZ)] = -2e-15;
   const std::vector<double> rho = mesh.rho;
   pic.PICNIC(mesh);
 
   const std::vector<double>& K = pic.phiKernel;
   auto kernel = [&](int a, int b, int c) {
-    return K[(static_cast<std::size_t>(a) * (2 * n + 1) + b) * (2 * n + 1) + c];
+    return K[(static_cast<std::size_t>(a) * (2 * n + 1) + b) * (2 * nz + 1) + c];
   };
   auto at = [&](int a, int b, int c) { return mesh.Index(a, b, c); };
-  auto mirror = [&](int a) { return a < half ? n - 1 - a : a; };
-  const double neg = 0.07 * 2e-15, R = pic.reachX;
+  auto mirror = [&](int a, int size) { return a < size / 2 ? size - 1 - a : a; };
+  const double neg = 0.07 * 2e-15;
   ASSERT_EQ(pic.negligibleCharge, neg);
   std::vector<double> phi(rho.size(), 0.0);
   std::vector<std::vector<double>> tasks(pic.threadPlan[7], std::vector<double>(rho.size(), 0.0));
   for (int t = 0; t < pic.threadPlan[7]; ++t)
     for (int pair = pic.convolutionRanges[t]; pair < pic.convolutionRanges[t + 1]; ++pair) {
       const int i = half + pair / half, j = half + pair % half;
-      for (int k = half; k < n; ++k) {
+      for (int k = halfZ; k < nz; ++k) {
         double A = 0.0;
-        for (int a = std::max(i - pic.reachX, 0); a < std::min(i + R, double(n)); ++a)
-          for (int bb = std::max(j - pic.reachY, 0); bb < std::min(j + R, double(n)); ++bb)
-            for (int c = std::max(k - pic.reachZ, 0); c < std::min(k + R, double(n)); ++c) {
-              const double q = rho[at(mirror(a), mirror(bb), mirror(c))];
-              if (q > neg) A += q * kernel(n - i + a, n - j + bb, n - k + c);
+        for (int a = std::max(i - pic.reachX, 0); a < std::min(i + pic.reachX, n); ++a)
+          for (int bb = std::max(j - pic.reachY, 0); bb < std::min(j + pic.reachY, n); ++bb)
+            for (int c = std::max(k - pic.reachZ, 0); c < std::min(k + pic.reachZ, nz); ++c) {
+              const double q = rho[at(mirror(a, n), mirror(bb, n), mirror(c, nz))];
+              if (std::fabs(q) > neg) A += q * kernel(n - i + a, n - j + bb, nz - k + c);
             }
         const double P = A * kCoulomb;
         for (int pp : {n - 1 - i, i})
           for (int qq : {n - 1 - j, j})
-            for (int rr : {n - 1 - k, k}) {
+            for (int rr : {nz - 1 - k, k}) {
               phi[at(pp, qq, rr)] = P;
               const double D = rho[at(pp, qq, rr)] - rho[at(i, j, k)];
               if (D >= neg || D <= -neg)
                 for (int a = 0; a < n; ++a)
                   for (int bb = 0; bb < n; ++bb)
-                    for (int c = 0; c < n; ++c)
-                      tasks[t][at(a, bb, c)] = kernel(n + pp - a, n + qq - bb, n + rr - c) * D * kCoulomb;
+                    for (int c = 0; c < nz; ++c)
+                      tasks[t][at(a, bb, c)] = kernel(n + pp - a, n + qq - bb, nz + rr - c) * D * kCoulomb;
             }
       }
     }
