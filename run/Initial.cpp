@@ -188,6 +188,7 @@ int Initial::ReadBeam() {
     } else if (key == "numofcharge") {
       NeedArguments(token, 1);
       numOfCharge = std::stod(token[1]);
+      numOfChargeGiven = true;
     } else if (key == "particlerestmass") {
       NeedArguments(token, 1);
       particleRestMass = std::stod(token[1]);
@@ -395,7 +396,7 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
   if (particleNumber == -1) missing = "particlenumber";
   else if (kineticEnergy == -1.0) missing = "kneticenergy";
   else if (frequency == -1.0) missing = "frequency";
-  else if (numOfCharge == -1.0) missing = "numofcharge";
+  else if (!numOfChargeGiven) missing = "numofcharge";
   else if (current == -1.0 && N != 1) missing = "current";
   if (missing) errorOut(std::string("beam.txt lacks the keyword ") + missing + ", which the bunch generation needs");
   CheckBeamValues();

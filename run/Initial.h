@@ -18,6 +18,7 @@ class Initial {
   int secondaryBeam = 0;
   std::string particleDistributionPath = "unknown";  // "unknown": generate the bunch
   double numOfCharge = -1.0;
+  bool numOfChargeGiven = false;  // beam.txt names the charge state (-1 is H-, not "not given")
   double atomicMass = -1.0;  // rest mass / 938.27187
   std::vector<std::string> distributionType = {"GS", "GS"};  // transverse, longitudinal
   int particleNumber = -1;

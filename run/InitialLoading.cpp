@@ -87,7 +87,7 @@ void Initial::ReadDistributionFile(const std::string& name, LoadedDistribution& 
   if (!(std::fabs(file.restEnergy - particleRestMass) <= 1e-9 * particleRestMass))
     errorOut(name + ": the distribution file gives a rest energy of " + Precise(file.restEnergy) +
              " MeV, but beam.txt gives particlerestmass " + Precise(particleRestMass) + " MeV");
-  if (numOfCharge == -1.0)
+  if (!numOfChargeGiven)
     errorOut("beam.txt lacks the keyword numofcharge, which the loading of " + name + " needs");
 }
 
@@ -350,7 +350,7 @@ void Initial::RequireReferenceEnergy() const {
   if (!(kineticEnergy > 0.0))
     errorOut("beam.txt lacks the keyword kneticenergy (or gives 0 or below), which the reference particle of a "
              "secondary beam needs");
-  if (numOfCharge == -1.0)
+  if (!numOfChargeGiven)
     errorOut("beam.txt lacks the keyword numofcharge, which the reference particle of a secondary beam needs");
   if (!(releaseDistance > 0.0)) errorOut("input.txt: the release distance, the second argument of steppercycle, must be above 0 for a secondary beam");
 }

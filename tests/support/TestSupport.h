@@ -102,4 +102,39 @@ T At(const std::string& bytes, std::size_t offset) {
   return value;
 }
 
+// One particle of a distribution file: x (cm), x' (rad), y (cm), y' (rad), phase (rad), kinetic energy (MeV).
+struct DstRow {
+  double x, xp, y, yp, phase, energy;
+};
+
+// A distribution file in the binary layout: bytes 125 100, count, current (mA), frequency (MHz), byte 125, the
+// rows, the rest energy (MeV).
+inline std::string DstFile(const std::vector<DstRow>& rows, double currentmA, double frequencyMHz, double rest) {
+  std::string s;
+  auto put = [&s](const void* p, std::size_t n) { s.append(static_cast<const char*>(p), n); };
+  const int count = static_cast<int>(rows.size());
+  s.push_back(125);
+  s.push_back(100);
+  put(&count, 4);
+  put(&currentmA, 8);
+  put(&frequencyMHz, 8);
+  s.push_back(125);
+  for (const DstRow& r : rows) put(&r, 48);
+  put(&rest, 8);
+  return s;
+}
+
+// The rows of a distribution file as written, in file units: x (cm), x', y (cm), y', phase, energy.
+inline std::vector<std::vector<double>> DstRows(const std::string& path) {
+  const std::string bytes = ReadFile(path);
+  std::vector<std::vector<double>> rows;
+  if (bytes.size() < 31) return rows;
+  const int n = At<int>(bytes, 2);
+  for (int i = 0; i < n && 23 + 48 * static_cast<std::size_t>(i + 1) <= bytes.size(); ++i) {
+    rows.emplace_back(6);
+    for (int k = 0; k < 6; ++k) rows.back()[k] = At<double>(bytes, 23 + 48 * static_cast<std::size_t>(i) + 8 * k);
+  }
+  return rows;
+}
+
 }  // namespace keldtest

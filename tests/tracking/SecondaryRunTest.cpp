@@ -30,19 +30,6 @@ RunResult RunIn(const TempDir& dir, const std::string& name, const std::string& 
   return RunKeld(in, out);
 }
 
-// The rows of a binary distribution file: x (cm), x', y (cm), y', phase, energy.
-std::vector<std::vector<double>> DstRows(const std::string& path) {
-  const std::string b = ReadFile(path);
-  std::vector<std::vector<double>> rows;
-  if (b.size() < 31) return rows;
-  const int n = At<int>(b, 2);
-  for (int i = 0; i < n && 23 + 48 * (i + 1) <= static_cast<int>(b.size()); ++i) {
-    rows.emplace_back(6);
-    for (int k = 0; k < 6; ++k) rows.back()[k] = At<double>(b, 23 + 48 * i + 8 * k);
-  }
-  return rows;
-}
-
 // Lines of a secondary plane file by particle index: x, gamma beta x, y, gamma beta y, time, gamma beta z.
 std::map<int, std::vector<double>> PlaneLines(const std::string& path) {
   std::map<int, std::vector<double>> lines;
