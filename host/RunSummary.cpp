@@ -71,7 +71,8 @@ double Fixed(double value) {
 void Place(std::vector<LatticeSpan>& spans, const std::string& kind, double length) {
   LatticeSpan span;
   span.kind = kind;
-  span.zStart = spans.empty() ? 0.0 : spans.back().zStart + (spans.back().zEnd - spans.back().zStart);
+  span.zStart = spans.empty() ? 0.0 : spans.back().zStart + spans.back().length;
+  span.length = length;
   span.zEnd = span.zStart + length;
   spans.push_back(span);
 }

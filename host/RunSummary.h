@@ -14,6 +14,7 @@ namespace host {
 struct LatticeSpan {
   std::string kind;  // the deck word: drift, quad, ... field, rfq
   double zStart = 0.0;
+  double length = 0.0;
   double zEnd = 0.0;
 };
 

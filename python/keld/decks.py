@@ -136,13 +136,11 @@ class _Lattice:
 
     def __init__(self):
         self.elements = []
+        self.lengths = []
 
     def add(self, kind, length, radius, tokens, members=None, cavity=False):
-        if self.elements:
-            last = self.elements[-1]
-            start = last.z_start + (last.z_end - last.z_start)
-        else:
-            start = 0.0
+        start = self.elements[-1].z_start + self.lengths[-1] if self.elements else 0.0
+        self.lengths.append(length)
         self.elements.append(Element(len(self.elements), kind, start, start + length, radius, tokens, members,
                                      cavity))
 
