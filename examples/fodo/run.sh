@@ -12,6 +12,7 @@ for case in off fft; do
   cp "$here/input-$case.txt" "$out/$case/in/input.txt"
   echo "== $case"
   "$build/keld" "$out/$case/in" "$out/$case/out" | grep -E "Simulated total time"
+  "$build/keld-plot" envelope "$out/$case/out"
   python3 - "$out/$case/out" <<'PY'
 import glob, math, struct, sys
 print("%-24s %9s %9s %9s %9s" % ("plane", "beta x", "alpha x", "beta y", "alpha y"))

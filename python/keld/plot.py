@@ -376,7 +376,8 @@ def _draw(command, paths, out_dir, decks=None):
             folder = _folder(path)
             for name in ("envelope", "emittance", "energy", "phase-space"):
                 made += _draw(name, [folder], out_dir, decks)
-            if (folder / "collisionData.txt").exists():
+            lost = folder / "collisionData.txt"
+            if lost.exists() and lost.stat().st_size:
                 made += _draw("losses", [folder], out_dir, decks)
     return made
 
