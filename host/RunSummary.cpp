@@ -1,7 +1,6 @@
 #include "host/RunSummary.h"
 
 #include <dirent.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
@@ -213,12 +212,6 @@ void MeanSpread(const std::vector<double>& v, double& mean, double& spread) {
   spread = std::sqrt(square / static_cast<double>(v.size()));
 }
 
-double ModifiedSeconds(const std::string& path) {
-  struct stat s;
-  if (stat(path.c_str(), &s) != 0) return -1.0;
-  return static_cast<double>(s.st_mtim.tv_sec) + 1e-9 * static_cast<double>(s.st_mtim.tv_nsec);
-}
-
 }  // namespace
 
 std::vector<LatticeSpan> ReadLatticeSpans(const std::string& latticePath) {
@@ -327,31 +320,35 @@ std::vector<std::string> StudySummaryLines(const std::string& folder, const std:
   return lines;
 }
 
-void PrintRunSummary(const std::string& inputFolder, const std::string& outputFolder,
-                     std::chrono::system_clock::time_point start) {
-  // The samples of a study that this run wrote: folders output_<i> whose
-  // DataSet.txt changed since it began (with 50 ms of slack for the coarse
-  // clock of file times). Older folders of other slices are left out.
-  const double began = std::chrono::duration<double>(start.time_since_epoch()).count() - 0.05;
+std::vector<int> SampleFolders(const std::string& outputFolder) {
   std::vector<int> samples;
   if (DIR* d = opendir(outputFolder.c_str())) {
     while (dirent* entry = readdir(d)) {
       const std::string name = entry->d_name;
-      if (name.compare(0, 7, "output_") != 0 || name.size() == 7 ||
-          name.find_first_not_of("0123456789", 7) != std::string::npos)
-        continue;
-      if (ModifiedSeconds(Join(Join(outputFolder, name), "DataSet.txt")) >= began)
+      if (name.compare(0, 7, "output_") == 0 && name.size() > 7 &&
+          name.find_first_not_of("0123456789", 7) == std::string::npos)
         samples.push_back(std::atoi(name.c_str() + 7));
     }
     closedir(d);
   }
   std::sort(samples.begin(), samples.end());
+  return samples;
+}
+
+void PrintRunSummary(const std::string& inputFolder, const std::string& outputFolder,
+                     const std::vector<int>& samplesBefore, std::chrono::system_clock::time_point start) {
+  std::vector<int> samples;
+  for (int i : SampleFolders(outputFolder))
+    if (!std::binary_search(samplesBefore.begin(), samplesBefore.end(), i)) samples.push_back(i);
   std::vector<std::string> lines;
   if (!samples.empty()) {
     lines = StudySummaryLines(outputFolder, samples);
   } else {
     lines = RunSummaryLines(outputFolder, ReadLatticeSpans(Join(inputFolder, "lattice.txt")));
-    if (lines.empty()) lines.push_back("Run summary: DataSet.txt holds no statistics (a secondary-beam run writes none)");
+    if (lines.empty())
+      lines.push_back(std::ifstream(Join(outputFolder, "DataSet.txt")).good()
+                          ? "Run summary: DataSet.txt holds no statistics (a secondary-beam run writes none)"
+                          : "Run summary: the run wrote no DataSet.txt");
   }
   std::cout << std::endl;
   for (const std::string& line : lines) std::cout << line << "\n";

@@ -29,10 +29,14 @@ std::vector<std::string> RunSummaryLines(const std::string& folder, const std::v
 // folders output_<i> are named in `samples`.
 std::vector<std::string> StudySummaryLines(const std::string& folder, const std::vector<int>& samples);
 
+// The numbers i of the folders output_<i> in `outputFolder`, ascending.
+std::vector<int> SampleFolders(const std::string& outputFolder);
+
 // Prints the summary of what the run that began at `start` wrote: the
-// samples of a study written since then, or else the plain run, then the
-// wall time.
+// samples of a study whose folders are new since `samplesBefore` (a study
+// makes a folder for each sample it runs and stops on one that exists), or
+// else the plain run; then the wall time.
 void PrintRunSummary(const std::string& inputFolder, const std::string& outputFolder,
-                     std::chrono::system_clock::time_point start);
+                     const std::vector<int>& samplesBefore, std::chrono::system_clock::time_point start);
 
 }  // namespace host

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "host/HostRun.h"
 #include "host/RunSummary.h"
@@ -91,8 +92,9 @@ int main(int argc, char** argv) {
   if (argc >= 3) path(argv[1], argv[2]);
   // A study leaves outputFilePath at its last sample: keep the folders first.
   const std::string input = inputFilePath, output = outputFilePath;
+  const std::vector<int> samplesBefore = host::SampleFolders(output);
   const auto start = std::chrono::system_clock::now();
   const int status = host::RunSimulation();
-  if (status == 0) host::PrintRunSummary(input, output, start);
+  if (status == 0) host::PrintRunSummary(input, output, samplesBefore, start);
   return status;
 }

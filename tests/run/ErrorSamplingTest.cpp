@@ -138,6 +138,10 @@ TEST(ErrorSampling, StudyByRangeAndByRanksWritesTheSameSamples) {
   EXPECT_EQ(some.output.find("(output_1)"), std::string::npos) << some.output;
   for (const char* piece : {"\nSample 3 of 4 (output_2)\n", "\nStudy summary: 2 samples\n  sample 3 (output_2): "})
     EXPECT_NE(some.output.find(piece), std::string::npos) << piece << some.output;
+  // The next slice into the same folder sums up its own samples, not those the earlier slice left there.
+  const RunResult rest = RunKeld(in, part + "' --samples '0-1");
+  ASSERT_EQ(rest.status, 0) << rest.output;
+  EXPECT_NE(rest.output.find("\nStudy summary: 2 samples\n  sample 1 (output_0): "), std::string::npos) << rest.output;
   const RunResult bad = RunKeld(in, part + "' --samples '3-2");
   EXPECT_EQ(bad.status, 64);
   EXPECT_EQ(bad.output, "--samples wants FIRST-LAST, two sample numbers from 0 with FIRST <= LAST, got 3-2\n");
