@@ -1,10 +1,14 @@
 // keld: the small host program. It hands the two folders to the library and
 // runs one simulation.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "host/HostRun.h"
+#include "host/RunSummary.h"
 
 namespace {
 
@@ -86,5 +90,11 @@ int main(int argc, char** argv) {
     sample_range(first, last);
   }
   if (argc >= 3) path(argv[1], argv[2]);
-  return host::RunSimulation();
+  // A study leaves outputFilePath at its last sample: keep the folders first.
+  const std::string input = inputFilePath, output = outputFilePath;
+  const std::vector<int> samplesBefore = host::SampleFolders(output);
+  const auto start = std::chrono::system_clock::now();
+  const int status = host::RunSimulation();
+  if (status == 0) host::PrintRunSummary(input, output, samplesBefore, start);
+  return status;
 }
