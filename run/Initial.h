@@ -18,6 +18,7 @@ class Initial {
   int secondaryBeam = 0;
   std::string particleDistributionPath = "unknown";  // "unknown": generate the bunch
   double numOfCharge = -1.0;
+  bool chargeGiven = false;  // beam.txt named numofcharge: -1 is a charge state too
   double atomicMass = -1.0;  // rest mass / 938.27187
   std::vector<std::string> distributionType = {"GS", "GS"};  // transverse, longitudinal
   int particleNumber = -1;
@@ -74,6 +75,7 @@ class Initial {
  private:
   bool latticeStarted = false;  // lattice.txt had its start line
   bool latticeClosed = false;   // and its end line
+  int setEndLine = 0;           // an end line used up by a set of superimposed fields
   void ApplySolverSettings(int count);
   void ApplyThreadSettings(int count);
   void GenerateBunch(Beam& beam, const std::vector<double>* beamErrors);

@@ -10,9 +10,11 @@
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 
 #include "beam/PhysicalConstants.h"
 #include "beam/SynParticle.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
@@ -32,11 +34,20 @@ double Kinetic(const SynParticle& syn) {
 void ReadScanTable(std::ifstream& in, FieldMatrix& fieldM) {
   std::string line;
   std::vector<std::string> field;
-  while (std::getline(in, line)) {
+  for (int lineNumber = 1; GetDeckLine(in, line); ++lineNumber) {
     StringSplit(line, field);
-    if (field.size() < 2) continue;
-    fieldM.phase.push_back(std::stod(field[0]));
-    fieldM.time.push_back(std::stod(field[1]));
+    if (field.empty()) continue;
+    try {
+      if (field.size() < 2) throw std::out_of_range("one value");
+      const double phase = DeckReal(field[0]), time = DeckReal(field[1]);
+      fieldM.phase.push_back(phase);
+      fieldM.time.push_back(time);
+    } catch (const DeckValueError& e) {
+      Initial::errorOut("scanData.txt line " + std::to_string(lineNumber) + ": " + e.what() + " in \"" + line + "\"");
+    } catch (const std::out_of_range&) {
+      Initial::errorOut("scanData.txt line " + std::to_string(lineNumber) +
+                        ": a cavity line needs an entrance phase and an arrival time, in \"" + line + "\"");
+    }
   }
 }
 
@@ -45,8 +56,8 @@ std::size_t CavityCount(const Lattice& lattice) {
   std::size_t count = 0;
   for (const Element* e : lattice.element) {
     const std::vector<std::string>& token = e->parameter;
-    if (token.size() > 14 && (token[0] == "field" || token[0] == "rfq") && std::stod(token[5]) != 0.0)
-      count = std::max(count, static_cast<std::size_t>(std::stoi(token[14])) + 1);
+    if (token.size() > 14 && (token[0] == "field" || token[0] == "rfq") && DeckReal(token[5]) != 0.0)
+      count = std::max(count, static_cast<std::size_t>(DeckInteger(token[14])) + 1);
   }
   return count;
 }
@@ -57,9 +68,9 @@ class CavityScan {
   CavityScan(SynParticle& syn, Lattice& lattice, int element, double dt, double stepLimit)
       : syn_(syn), lattice_(lattice), element_(element), dt_(dt), stepLimit_(stepLimit) {
     const std::vector<std::string>& token = lattice.element[element]->parameter;
-    omega_ = constants::kTwoPi * std::stod(token.at(5));
-    wanted_ = std::stod(token.at(6));
-    cavity_ = std::stoi(token.at(14));
+    omega_ = constants::kTwoPi * DeckReal(token.at(5));
+    wanted_ = DeckReal(token.at(6));
+    cavity_ = DeckInteger(token.at(14));
     start_ = lattice.zStart[element];
     end_ = lattice.zEnd[element];
     z0_ = syn.coordinate[4];
@@ -168,8 +179,8 @@ bool BracketOf(int i, const double* S, const double* G, double T, int& low, int&
 // pi/2 - o); if the particle loses energy on that half-wave, the other one.
 void ScanRFQ(SynParticle& syn, Lattice& lattice, int element, double& t) {
   const std::vector<std::string>& token = lattice.element[element]->parameter;
-  const double frequency = std::stod(token.at(5));
-  const int cavity = std::stoi(token.at(14));
+  const double frequency = DeckReal(token.at(5));
+  const int cavity = DeckInteger(token.at(14));
   std::vector<double>& q = syn.coordinate;
   if (static_cast<int>(syn.timeList.size()) <= cavity) syn.timeList.resize(cavity + 1, 0.0);
   if (static_cast<int>(syn.phaseList.size()) <= cavity) syn.phaseList.resize(cavity + 1, 0.0);
@@ -200,7 +211,10 @@ int Initial::SetSynPhase(Lattice& lattice) {
   FieldMatrix& fieldM = lattice.fieldM;
   if (scanPhase == 0) return 0;
   if (scanPhase == 2) {
-    std::ifstream in(inputFilePath + "scanData.txt");
+    std::ifstream in;
+    if (IsFolder(inputFilePath + "scanData.txt"))
+      errorOut("scanData.txt in the input folder is a folder, not a file");
+    in.open(inputFilePath + "scanData.txt");
     if (!in.is_open()) errorOut("scan phase file read error, check scanData.txt");
     const std::size_t before = fieldM.phase.size();
     ReadScanTable(in, fieldM);
@@ -253,7 +267,7 @@ int Initial::SetSynPhase(Lattice& lattice) {
       plainStep();
       continue;
     }
-    if (std::stod(e->parameter.at(5)) == 0.0) {
+    if (DeckReal(e->parameter.at(5)) == 0.0) {
       // Static step: through a curved stretch the particle moves in all
       // three planes and is caught at the rotated plane that closes it.
       zOld = q[4];
@@ -417,6 +431,17 @@ int Initial::SetSynPhase(Lattice& lattice) {
     gOld = q[5];
   }
 
+  // A scan stopped by its step limit would leave the cavities behind that
+  // point unphased and the run would track with the deck's phases.
+  if (!ended && !(q[4] > zLast)) {
+    for (std::size_t i = 0; i < lattice.element.size(); ++i) {
+      const Element* e = lattice.element[i];
+      if (e->type != "field" || DeckReal(e->parameter.at(5)) == 0.0 || !(lattice.zEnd[i] > q[4])) continue;
+      errorOut("The phase scan stops at z = " + FormatNumber(q[4]) + " m when runperiod " + std::to_string(runPeriod) +
+               " periods have passed, before the cavity at " + FormatNumber(lattice.zStart[i]) +
+               " m; raise runperiod");
+    }
+  }
   scanLog << "************************************************end******************************************************"
           << "\n";
   scanLog.close();
