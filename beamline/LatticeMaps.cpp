@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iostream>
 #include <new>
-#include <sstream>
 
 #include "beamline/Lattice.h"
 #include "run/DeckValue.h"
@@ -158,11 +157,23 @@ int Lattice::SetMatrix(std::string name, int type, FieldMatrix& maps) {
       mesh.symax = Take<double>(bytes, at);
       markValue = Take<double>(bytes, at);
     } else {
-      std::istringstream line1(NextLine(bytes, at)), line2(NextLine(bytes, at)), line3(NextLine(bytes, at));
-      line1 >> mesh.sz >> mesh.szmax;
-      line2 >> mesh.sx >> mesh.sxmin >> mesh.sxmax;
-      line3 >> mesh.sy >> mesh.symin >> mesh.symax;
-      if (line1.fail() || line2.fail() || line3.fail()) Refuse(file, "lines 1 to 3 do not hold the mesh");
+      // Lines 1 to 3: count and length along z, count and range along x, along y.
+      int* counts[3] = {&mesh.sz, &mesh.sx, &mesh.sy};
+      double* ranges[3][2] = {{nullptr, &mesh.szmax}, {&mesh.sxmin, &mesh.sxmax}, {&mesh.symin, &mesh.symax}};
+      std::vector<std::string> token;
+      for (int l = 0; l < 3; ++l) {
+        const std::string line = NextLine(bytes, at);
+        StringSplit(line, token);
+        const std::size_t needed = l == 0 ? 2 : 3;
+        if (token.size() < needed)
+          Refuse(file, "line " + std::to_string(l + 1) + " must hold " + std::to_string(needed) + " values of the mesh");
+        try {
+          *counts[l] = DeckInteger(token[0]);
+          for (std::size_t k = 1; k < needed; ++k) *ranges[l][k + 2 - needed] = DeckReal(token[k]);
+        } catch (const DeckValueError& e) {
+          Refuse(file, "line " + std::to_string(l + 1) + ": " + e.what());
+        }
+      }
       markText = NextLine(bytes, at);
     }
 

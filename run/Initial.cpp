@@ -225,12 +225,19 @@ int Initial::ReadBeam() {
       particleDistributionPath = token[1];
     } else if (key == "numofcharge") {
       NeedArguments(token, 1);
-      // Any charge state counts, -1 (a negative ion) included.
+      // Any charge state counts, -1 (a negative ion) included; none is above
+      // that of the heaviest bare nucleus.
       numOfCharge = DeckReal(token[1]);
       chargeGiven = true;
+      if (!(numOfCharge != 0.0 && std::fabs(numOfCharge) <= 118.0))
+        deck::Refuse("beam.txt", lineNumber,
+                     "numofcharge must be a charge state of 1 to 118 in magnitude, got " + token[1]);
     } else if (key == "particlerestmass") {
       NeedArguments(token, 1);
       particleRestMass = DeckReal(token[1]);
+      // No charged particle is lighter than the electron (0.511 MeV).
+      if (!(particleRestMass >= 0.5))
+        deck::Refuse("beam.txt", lineNumber, "particlerestmass must be at least 0.5 MeV, got " + token[1]);
     } else if (key == "kindofparticle") {
       NeedArguments(token, 1);
       kindOfParticle = token[1];
@@ -340,9 +347,6 @@ void Initial::CheckBeamValues() const {
   };
   if (!(std::isfinite(kineticEnergy) && kineticEnergy > 0.0)) refuse("kneticenergy must be a positive number of MeV", kineticEnergy);
   if (!(std::isfinite(frequency) && frequency > 0.0)) refuse("frequency must be a positive number of Hz", frequency);
-  if (!(std::isfinite(particleRestMass) && particleRestMass > 0.0))
-    refuse("particlerestmass must be a positive number of MeV", particleRestMass);
-  if (!(std::isfinite(numOfCharge) && numOfCharge != 0.0)) refuse("numofcharge must be a non-zero charge state", numOfCharge);
   if (!(std::isfinite(current) && (current >= 0.0 || (current == -1.0 && particleNumber == 1))))
     refuse("current must be 0 or more mA", current);
   // Ion sources deliver beams above beta 0.001; anything slower comes from a

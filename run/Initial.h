@@ -86,6 +86,8 @@ class Initial {
   // Refuse a time step that would need more steps to cross the lattice than
   // any run can make.
   void CheckStepCount(double bunchDuration) const;
+  // Refuse settings that would keep the phase scan stepping for minutes.
+  void CheckScanSteps(const Lattice& lattice, const SynParticle& syn, double dt) const;
   void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
   // Moves one particle from the file form to the head's time; returns its gamma.
   double ToCommonTime(Beam& beam, Particle& p) const;

@@ -220,6 +220,7 @@ void Initial::LoadSecondaryDistribution(Beam& beam, const std::vector<double>* b
   const double macro = TakeLoadedBeam(beam, file);
   beam.releaseDistance = releaseDistance;
   RequireReferenceEnergy();
+  CheckStepCount(0.0);
   std::cout << "Synchronous particle energy " << kineticEnergy << "(MeV)" << std::endl;
 
   beam.particle = new Particle[N + 1]();
@@ -320,6 +321,7 @@ void Initial::LoadSecondaryText(Beam& beam) {
   if (!(frequency > 0.0))
     errorOut("beam.txt lacks the keyword frequency (or gives 0 or below), which the phase scan of a secondary beam "
              "needs");
+  CheckStepCount(0.0);
   std::cout << "Synchronous particle energy " << kineticEnergy << "(MeV)" << std::endl;
 
   const double c = kLightSpeed;

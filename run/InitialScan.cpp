@@ -21,9 +21,14 @@
 
 namespace {
 
+using constants::kLightSpeed;
 using constants::kPi;
 
 constexpr int kTrials = 21;  // entrance phases -180, -162, ..., 180 deg
+constexpr double kSlowestFlight = 1000.0;  // times the flight time at the entry speed
+// Steps of the synchronous particle that a scan may take: a few seconds each
+// hundred million.
+constexpr double kMaxScanSteps = 1e9;
 
 double Kinetic(const SynParticle& syn) {
   const double g = syn.coordinate[5];
@@ -75,6 +80,13 @@ class CavityScan {
     end_ = lattice.zEnd[element];
     z0_ = syn.coordinate[4];
     g0_ = syn.coordinate[5];
+    // A flight that takes a thousand times as long as at the entry speed has
+    // been stopped or turned back by the field; without this bound it would
+    // go on for all of runperiod, minutes of stepping.
+    const double speed = constants::kLightSpeed * g0_ / std::sqrt(1.0 + g0_ * g0_);
+    const double flightSteps = kSlowestFlight * (end_ - start_) / speed / dt_;
+    stalled_ = flightSteps < stepLimit_;
+    if (stalled_) stepLimit_ = flightSteps;
   }
 
   int cavity() const { return cavity_; }
@@ -143,13 +155,16 @@ class CavityScan {
  private:
   [[noreturn]] void StepLimitStop() const {
     Initial::errorOut("The synchronous particle does not leave cavity " + std::to_string(cavity_ + 1) +
-                      " within the scan's step limit (runperiod); its field stops or turns it back");
+                      (stalled_ ? " within 1000 times its flight time at the entry speed"
+                                : " within the scan's step limit (runperiod)") +
+                      "; its field stops or turns it back");
   }
 
   SynParticle& syn_;
   Lattice& lattice_;
   int element_;
   double dt_, stepLimit_;
+  bool stalled_ = false;  // the step limit is the stalled flight's, not runperiod's
   double omega_ = 0.0, wanted_ = 0.0;
   int cavity_ = 0;
   double start_ = 0.0, end_ = 0.0, z0_ = 0.0, g0_ = 0.0;
@@ -207,6 +222,24 @@ void ScanRFQ(SynParticle& syn, Lattice& lattice, int element, double& t) {
 
 }  // namespace
 
+void Initial::CheckScanSteps(const Lattice& lattice, const SynParticle& syn, double dt) const {
+  // One flight along the lattice and 28 more through each cavity, at the
+  // entry speed: a bound on the scan's steps that the settings ask for.
+  const double g = syn.coordinate[5];
+  const double speed = kLightSpeed * g / std::sqrt(1.0 + g * g);
+  double length = lattice.zEnd.empty() ? 0.0 : lattice.zEnd.back();
+  for (std::size_t i = 0; i < lattice.element.size(); ++i) {
+    const Element* e = lattice.element[i];
+    if (e->type == "field" && DeckReal(e->parameter.at(5)) != 0.0)
+      length += (kTrials + 7) * (lattice.zEnd[i] - lattice.zStart[i]);
+  }
+  const double steps = length / speed / dt;
+  if (!(steps > kMaxScanSteps)) return;
+  errorOut("The phase scan would take about " + FormatNumber(steps) + " steps with steppercycle " +
+           FormatNumber(stepPerCycle) + " and scantstep " + FormatNumber(scanTStep) +
+           "; at most 1e+09 are allowed, raise scantstep or lower steppercycle");
+}
+
 int Initial::SetSynPhase(Lattice& lattice) {
   FieldMatrix& fieldM = lattice.fieldM;
   if (scanPhase == 0) return 0;
@@ -231,6 +264,7 @@ int Initial::SetSynPhase(Lattice& lattice) {
   SynParticle syn;
   syn.SetUpSynParticle(particleDistributionPath, numOfCharge, atomicMass, inputFilePath, secondaryBeam);
   syn.dimension = 0;
+  CheckScanSteps(lattice, syn, scanTStep / syn.frequency / stepPerCycle);
   std::ofstream(outputFilePath + "scanPhaseData.txt", std::ios::trunc);
   std::ofstream(outputFilePath + "Phase.txt", std::ios::trunc);
   std::ofstream scanLog(outputFilePath + "scanPhaseData.txt", std::ios::app);

@@ -91,6 +91,14 @@ TEST(BadInput, EveryFamilyStopsCleanlyAndNamesFileLineAndValue) {
        R"(choose a larger step)"},
       {{FirstElement("field 0.02 0.02 0 1 nan -30 1 0 cav")},
        "lattice.txt line 2: \"nan\"" + notFinite + "field 0.02 0.02 0 1 nan -30 1 0 cav\""},
+      {{{"input.txt", "steppercycle 50", "steppercycle 1e6"}, FirstElement(kCell)},
+       R"(The phase scan would take about 1\.\d+e\+09 steps with steppercycle 1e\+06 and scantstep 0\.01; at most )"
+       R"(1e\+09 are allowed, raise scantstep or lower steppercycle)",
+       {"inData.dst"}},
+      {{FirstElement("field 0.02 0.02 0 1 352.2e6 -30 5000 0 cav")},
+       "The synchronous particle does not leave cavity 1 within 1000 times its flight time at the entry speed; its "
+       "field stops or turns it back",
+       {"Phase.txt", "inData.dst", "scanPhaseData.txt"}},
       // The phase scan skipped.
       {{Setting("scantstep 1e9")}, R"(input.txt line 3: scantstep must be above 0 and at most 1 \(a fraction of a )"
                                    R"(time step\), got 1e9)"},
