@@ -8,6 +8,7 @@
 #include "beam/LeapFrog.h"
 #include "beam/PhysicalConstants.h"
 #include "beamline/Lattice.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 
 SynParticle::SynParticle() : coordinate(6, 0.0), electricField(3, 0.0), magneticField(3, 0.0) {}
@@ -84,16 +85,16 @@ void SynParticle::SetUpSynParticle(std::string kind, double chargeNumber, double
     }
     std::string line;
     std::vector<std::string> word;
-    while (std::getline(in, line)) {
+    while (GetDeckLine(in, line)) {
       StringSplit(line, word);
       if (word.size() < 2) continue;
       for (char& ch : word[0]) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
       if (word[0] == "kneticenergy")
-        kinetic = std::stod(word[1]);
+        kinetic = DeckReal(word[1]);
       else if (word[0] == "particlerestmass")
-        restEnergy = std::stod(word[1]);
+        restEnergy = DeckReal(word[1]);
       else if (word[0] == "frequency")
-        frequency = std::stod(word[1]);
+        frequency = DeckReal(word[1]);
     }
   }
   const double gamma = kinetic / restEnergy + 1.0;

@@ -11,10 +11,10 @@
 // field index above 1 makes kx not-a-number: neither is guarded.
 template <class BendLike>
 void ParseBendTokens(BendLike& e, std::vector<std::string> const& token) {
-  e.bendPlane = static_cast<int>(std::stod(token.at(7)));
-  e.angle = std::stod(token.at(4)) / 180.0 * 3.141592653589793;
-  e.curvatureRadius = std::stod(token.at(5));
-  e.fieldIndex = std::stod(token.at(6));
+  e.bendPlane = static_cast<int>(DeckReal(token.at(7)));
+  e.angle = DeckReal(token.at(4)) / 180.0 * 3.141592653589793;
+  e.curvatureRadius = DeckReal(token.at(5));
+  e.fieldIndex = DeckReal(token.at(6));
   e.curvature = e.angle / std::fabs(e.angle) / e.curvatureRadius;
   e.arcLength = e.curvatureRadius * std::fabs(e.angle);
   e.kx = std::sqrt((1.0 - e.fieldIndex) * e.curvature * e.curvature);

@@ -14,8 +14,8 @@ void Element::SetBasicParameter(double start, std::vector<std::string> const& to
   parameter = token;
   zStart = start;
   type = token.at(0);
-  length = std::stod(token.at(1));
-  radius = std::stod(token.at(2));
+  length = DeckReal(token.at(1));
+  radius = DeckReal(token.at(2));
   const std::string& second = token.at(3);
   if (second == "0") {
     apertureMode = 0;
@@ -24,7 +24,7 @@ void Element::SetBasicParameter(double start, std::vector<std::string> const& to
     apertureMode = 2;
   } else {
     apertureMode = 1;
-    radiusY = std::stod(second);
+    radiusY = DeckReal(second);
   }
 }
 

@@ -5,6 +5,7 @@
 #include "beam/Particle.h"
 #include "beam/SynParticle.h"
 #include "beamline/FieldMatrix.h"
+#include "run/DeckValue.h"
 #include "run/ErrorSample.h"
 
 // Root of the beamline classes. Token list of every element: 0 type word,

@@ -255,13 +255,13 @@ void Field::SetParameter(int elementIndex, double start, std::vector<std::string
   index = elementIndex;
   SetBasicParameter(start, token);
   zExit = zStart + length;
-  fieldType = std::stoi(token.at(4));
-  frequency = std::stod(token.at(5));
-  deckPhase = std::stod(token.at(6));
+  fieldType = DeckInteger(token.at(4));
+  frequency = DeckReal(token.at(5));
+  deckPhase = DeckReal(token.at(6));
   phaseRad = deckPhase / 180.0 * kPi;
-  eScale = std::stod(token.at(7));
-  bScale = std::stod(token.at(8));
-  mapIndex = std::stoi(token.at(9));
+  eScale = DeckReal(token.at(7));
+  bScale = DeckReal(token.at(8));
+  mapIndex = DeckInteger(token.at(9));
   omega = 6.283185307179586 * frequency;
   eFactor = 1e6 * eScale;
   errEScale = eScale;
@@ -274,10 +274,10 @@ void Field::SetParameter(int elementIndex, double start, std::vector<std::string
     case 3:
       return;
     case 1:
-      cavityIndex = std::stoi(token.at(14));
+      cavityIndex = DeckInteger(token.at(14));
       return;
     case 4:
-      if (frequency != 0.0) cavityIndex = std::stoi(token.at(14));
+      if (frequency != 0.0) cavityIndex = DeckInteger(token.at(14));
       break;
     default:
       std::cout << "Field type error!" << std::endl;
@@ -287,35 +287,35 @@ void Field::SetParameter(int elementIndex, double start, std::vector<std::string
   // The groups of a superposition, twenty tokens each; the first group is
   // the element's own.
   const std::size_t groups = token.size() / 20;
-  const double setStart = groups >= 2 ? std::stod(token.at(12)) : 0.0;
+  const double setStart = groups >= 2 ? DeckReal(token.at(12)) : 0.0;
   for (std::size_t k = 1; k < groups; ++k) {
     const std::size_t g = 20 * k;
     int kind = -1;
     if (token[g] == "field") {
-      const int groupType = std::stoi(token[g + 4]);
+      const int groupType = DeckInteger(token[g + 4]);
       if (groupType == 1) {
         kind = 2;
-        subEScale.push_back(std::stod(token[g + 7]));
-        subBScale.push_back(std::stod(token[g + 8]));
-        frequency = std::stod(token[g + 5]);
-        deckPhase = std::stod(token[g + 6]);
+        subEScale.push_back(DeckReal(token[g + 7]));
+        subBScale.push_back(DeckReal(token[g + 8]));
+        frequency = DeckReal(token[g + 5]);
+        deckPhase = DeckReal(token[g + 6]);
         phaseRad = deckPhase / 180.0 * kPi;
         omega = 6.283185307179586 * frequency;
       } else if (groupType == 2) {
         kind = 3;
-        subEScale.push_back(std::stod(token[g + 7]));
+        subEScale.push_back(DeckReal(token[g + 7]));
         subBScale.push_back(0.0);
       } else if (groupType == 3) {
         kind = 1;
         subEScale.push_back(0.0);
-        subBScale.push_back(std::stod(token[g + 8]));
+        subBScale.push_back(DeckReal(token[g + 8]));
       } else {
         continue;
       }
-      subMapIndex.push_back(std::stoi(token[g + 9]));
-      std::vector<double> p = {std::stod(token[g + 14]), std::stod(token[g + 15]), std::stod(token[g + 16]),
-                               std::stod(token[g + 17]) * kPi / 180.0, std::stod(token[g + 18]) * kPi / 180.0,
-                               std::stod(token[g + 19]) * kPi / 180.0};
+      subMapIndex.push_back(DeckInteger(token[g + 9]));
+      std::vector<double> p = {DeckReal(token[g + 14]), DeckReal(token[g + 15]), DeckReal(token[g + 16]),
+                               DeckReal(token[g + 17]) * kPi / 180.0, DeckReal(token[g + 18]) * kPi / 180.0,
+                               DeckReal(token[g + 19]) * kPi / 180.0};
       subPlacement.push_back(p);
     } else if (token[15 * k] == "drift") {
       // The word is looked for fifteen tokens apart while the groups stand
@@ -331,9 +331,9 @@ void Field::SetParameter(int elementIndex, double start, std::vector<std::string
       continue;
     }
     subType.push_back(kind);
-    subStart.push_back(zStart + std::stod(token[g + 12]) - setStart);
-    subRadius.push_back(std::stod(token[g + 2]));
-    subLength.push_back(std::stod(token[g + 1]));
+    subStart.push_back(zStart + DeckReal(token[g + 12]) - setStart);
+    subRadius.push_back(DeckReal(token[g + 2]));
+    subLength.push_back(DeckReal(token[g + 1]));
     const std::vector<double>& p = subPlacement.back();
     subFrame.emplace_back(p[3], p[5], p[4]);
   }

@@ -28,6 +28,9 @@ struct FieldMatrix {
 
   // Per map, worked out once when it is added, for the lookup.
   std::vector<int> components;                  // values per node: 6, 3, or 0 for an empty map
+  // Largest magnitude among the values 0 to 2 and 3 to 5 of the nodes: what
+  // a factor on the map can make of it at most.
+  std::vector<double> peakLow, peakHigh;
 
   // Appends a map whose mesh stands in the scratch fields; `values` holds
   // (sxnum + 1) (synum + 1) (sznum + 1) nodes of `valuesPerNode` values.
@@ -47,6 +50,15 @@ struct FieldMatrix {
     dy.push_back(sdy);
     dz.push_back(sdz);
     components.push_back(valuesPerNode);
+    double low = 0.0, high = 0.0;
+    const std::vector<double>& v = field.back();
+    for (std::size_t k = 0; k < v.size(); ++k) {
+      const double a = v[k] < 0.0 ? -v[k] : v[k];
+      double& peak = static_cast<int>(k % static_cast<std::size_t>(valuesPerNode)) < 3 ? low : high;
+      if (a > peak) peak = a;
+    }
+    peakLow.push_back(low);
+    peakHigh.push_back(high);
     return fieldCount++;
   }
 };

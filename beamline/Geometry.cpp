@@ -5,18 +5,19 @@
 #include <fstream>
 #include <iostream>
 
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 
 void Geometry::SetParameter(int sectionIndex, double start, std::vector<std::string> const& token) {
   parameter = token;
   index = sectionIndex;
-  shape = std::stoi(token.at(0));
+  shape = DeckInteger(token.at(0));
   name = token.at(1);
   zStart = start;
   std::size_t k = 2;
-  for (; k < token.size() && token[k] != "RLP"; ++k) shapeParameter.push_back(std::stod(token[k]));
+  for (; k < token.size() && token[k] != "RLP"; ++k) shapeParameter.push_back(DeckReal(token[k]));
   if (k < token.size()) {
-    for (std::size_t q = 0; q < 6 && k + 1 + q < token.size(); ++q) placement[q] = std::stod(token[k + 1 + q]);
+    for (std::size_t q = 0; q < 6 && k + 1 + q < token.size(); ++q) placement[q] = DeckReal(token[k + 1 + q]);
     for (int q = 3; q < 6; ++q) placement[q] = placement[q] * 3.141592653589793 / 180.0;
   }
 }

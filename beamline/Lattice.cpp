@@ -1,41 +1,34 @@
 #include "beamline/Lattice.h"
 
+#include "run/DeckValue.h"
 #include "run/Initial.h"
 
-namespace {
-
-// Loads the map named by token at + 9 for a field of `type` and writes the
-// map index in its place. A map is shared by name whatever type loaded it; a
-// map with fewer values per node than the field reads would be read past its
-// nodes, so that is refused.
-void LoadMap(Lattice& lattice, std::vector<std::string>& token, std::size_t at, int type) {
-  std::string& name = token[at + 9];
-  const int map = lattice.SetMatrix(name, type, lattice.fieldM);
-  lattice.lastMapIndex = map;
+int Lattice::LoadMap(const std::string& name, int type) {
+  const int map = SetMatrix(name, type, fieldM);
+  lastMapIndex = map;
+  // A map is shared by name whatever type loaded it; one with fewer values
+  // per node than the field reads would be read past its nodes.
   const int needed = type == 1 ? 6 : (type == 2 || type == 3 ? 3 : 0);
-  const int held = lattice.fieldM.components[map];
+  const int held = fieldM.components[map];
   if (held < needed)
     Initial::errorOut("Field map " + name + " holds " + std::to_string(held) +
                       " values per node and cannot serve a field of type " + std::to_string(type));
-  name = std::to_string(map);
+  return map;
 }
-
-}  // namespace
 
 int Lattice::SetElement(std::vector<std::string> token, Element* newElement) {
   const double start = zStart.empty() ? 0.0 : zStart.back() + elementLength.back();
   zStart.push_back(start);
-  elementLength.push_back(std::stod(token.at(1)));
+  elementLength.push_back(DeckReal(token.at(1)));
   zEnd.push_back(zStart.back() + elementLength.back());
   // A field line too short to name its map is reported by the element itself.
+  // The map name of the line, and of each sub-field group of a superposition,
+  // becomes the map index.
   if (token[0] == "field" && token.size() >= 10) {
-    const int type = std::stoi(token[4]);
-    if (type == 4) {
-      for (std::size_t g = 20; g + 20 <= token.size(); g += 20)
-        if (token[g] == "field") LoadMap(*this, token, g, std::stoi(token[g + 4]));
-    } else {
-      LoadMap(*this, token, 0, type);
-    }
+    const int type = DeckInteger(token[4]);
+    if (type != 4) token[9] = std::to_string(LoadMap(token[9], type));
+    for (std::size_t g = 20; type == 4 && g + 20 <= token.size(); g += 20)
+      if (token[g] == "field") token[g + 9] = std::to_string(LoadMap(token[g + 9], DeckInteger(token[g + 4])));
   }
   const int elementIndex = static_cast<int>(element.size());
   newElement->SetParameter(elementIndex, zStart.back(), token);

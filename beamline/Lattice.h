@@ -36,6 +36,9 @@ class Lattice {
   // static electric, 3 static magnetic) into fieldM, once per name, and
   // returns its index. A name ending in "b" is read in the binary form.
   int SetMatrix(std::string name, int type, FieldMatrix& maps);
+  // SetMatrix into fieldM, refusing a map with fewer values per node than a
+  // field of `type` reads.
+  int LoadMap(const std::string& name, int type);
 
   // Field of every slot, the reference included. Particles outside the
   // tracked stretch get zero field, and past the lattice end with the last

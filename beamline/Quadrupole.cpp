@@ -21,8 +21,8 @@ void Quadrupole::SetParameter(int elementIndex, double start, std::vector<std::s
   if (!EnoughTokens(token, 6)) return;
   index = elementIndex;
   SetBasicParameter(start, token);
-  strength = std::stod(token.at(4));
-  strength2 = std::stod(token.at(5));
-  quadParameter3 = std::stod(token.at(6));
+  strength = DeckReal(token.at(4));
+  strength2 = DeckReal(token.at(5));
+  quadParameter3 = DeckReal(token.at(6));
   boreDiameter = 2.0 * radius;
 }

@@ -54,8 +54,8 @@ RFQ::RFQ() { type = "drift"; }
 void RFQ::SetParameter(double start, std::vector<std::string> const& token) {
   if (!EnoughTokens(token, 6)) return;
   SetBasicParameter(start, token);
-  frequency = std::stod(token.at(5));
-  cavityIndex = std::stoi(token.at(14));
+  frequency = DeckReal(token.at(5));
+  cavityIndex = DeckInteger(token.at(14));
   std::ifstream table(inputFilePath + token.at(7));
   if (!table.is_open()) {
     std::cout << "RFQ Structure path ERROR!" << std::endl;
@@ -63,16 +63,15 @@ void RFQ::SetParameter(double start, std::vector<std::string> const& token) {
   }
   std::string line;
   std::vector<std::string> column;
-  while (table.peek() != EOF) {
-    std::getline(table, line);
+  while (GetDeckLine(table, line)) {
     StringSplit(line, column);
-    const double cell = std::stod(column.at(1)) / 100.0;
+    const double cell = DeckReal(column.at(1)) / 100.0;
     cellLength.push_back(cell);
-    cellVoltage.push_back(std::stod(column.at(2)) * 1000.0);
-    cellRadius.push_back(std::stod(column.at(3)) / 100.0);
-    cellColumn4.push_back(std::stod(column.at(4)));
+    cellVoltage.push_back(DeckReal(column.at(2)) * 1000.0);
+    cellRadius.push_back(DeckReal(column.at(3)) / 100.0);
+    cellColumn4.push_back(DeckReal(column.at(4)));
     std::vector<double> a(8);
-    for (int k = 0; k < 8; ++k) a[k] = std::stod(column.at(6 + k));
+    for (int k = 0; k < 8; ++k) a[k] = DeckReal(column.at(6 + k));
     coefficient.push_back(a);
     const double begin = cellStart.empty() ? zStart : cellStart.back() + cellLength[cellLength.size() - 2];
     cellStart.push_back(begin);

@@ -16,5 +16,5 @@ void Solenoid::SetParameter(int elementIndex, double start, std::vector<std::str
   if (!EnoughTokens(token, 5)) return;
   index = elementIndex;
   SetBasicParameter(start, token);
-  strength = std::stod(token.at(4));
+  strength = DeckReal(token.at(4));
 }

@@ -18,8 +18,8 @@ void Steerer::SetParameter(int elementIndex, double start, std::vector<std::stri
   if (!EnoughTokens(token, 7)) return;
   index = elementIndex;
   SetBasicParameter(start, token);
-  kind = static_cast<int>(std::stod(token.at(6)));
-  strengthX = std::stod(token.at(4));
-  strengthY = std::stod(token.at(5));
-  steererParameter4 = std::stod(token.at(7));
+  kind = static_cast<int>(DeckReal(token.at(6)));
+  strengthX = DeckReal(token.at(4));
+  strengthY = DeckReal(token.at(5));
+  steererParameter4 = DeckReal(token.at(7));
 }

@@ -2,6 +2,7 @@
 // drawn once before the first run. Nothing here seeds the generator, so the
 // sets are the same in every process that reads the same deck, and a slice of
 // the samples can run anywhere.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
@@ -9,6 +10,7 @@
 
 #include "beamline/Lattice.h"
 #include "run/ErrorParameter.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 
 namespace {
@@ -118,20 +120,8 @@ bool ElementValue(double type, double v, double amplitude, bool dynamic, double&
 void DrawElements(const ErrorParameter& p, const Lattice& lattice, std::vector<ErrorSet>& sets, int sense) {
   const int a = p.errStep[0], b = p.errStep[1];
   const bool dynamic = sense == 1;
-  // The elements each row of kind 0 (map quadrupoles) or 1 (cavities) reaches.
   std::vector<std::vector<int>> reached(p.elementError.size());
-  for (std::size_t r = 0; r < p.elementError.size(); ++r) {
-    const std::vector<double>& row = p.elementError[r];
-    if (row.size() < 4 || (row[0] != 0.0 && row[0] != 1.0)) continue;
-    const int wanted = row[0] == 0.0 ? 3 : 1;
-    const int first = static_cast<int>(row[2]);
-    const int stop = std::min(static_cast<int>(row[2] + row[3]), p.elementNumber);
-    for (int i = std::max(first, 0); i < stop && i < static_cast<int>(lattice.element.size()); ++i) {
-      const Element& e = *lattice.element[i];
-      if (e.parameter.size() > 4 && e.parameter[0] == "field" && std::stoi(e.parameter[4]) == wanted)
-        reached[r].push_back(i);
-    }
-  }
+  for (std::size_t r = 0; r < p.elementError.size(); ++r) reached[r] = ErrorReach(p, lattice, r);
   for (int k = 0; k < 18; ++k) {
     for (std::size_t r = 0; r < p.elementError.size(); ++r) {
       const std::vector<double>& row = p.elementError[r];
@@ -178,6 +168,22 @@ void DrawElements(const ErrorParameter& p, const Lattice& lattice, std::vector<E
 }
 
 }  // namespace
+
+std::vector<int> ErrorReach(const ErrorParameter& p, const Lattice& lattice, std::size_t r) {
+  std::vector<int> reached;
+  const std::vector<double>& row = p.elementError[r];
+  if (row.size() < 4 || (row[0] != 0.0 && row[0] != 1.0)) return reached;
+  const int wanted = row[0] == 0.0 ? 3 : 1;
+  const int first = static_cast<int>(row[2]);
+  // The count is a deck value: bounded before it becomes an index.
+  const int stop = static_cast<int>(std::max(std::min(row[2] + row[3], static_cast<double>(p.elementNumber)), 0.0));
+  for (int i = std::max(first, 0); i < stop && i < static_cast<int>(lattice.element.size()); ++i) {
+    const Element& e = *lattice.element[i];
+    if (e.parameter.size() > 4 && e.parameter[0] == "field" && DeckInteger(e.parameter[4]) == wanted)
+      reached.push_back(i);
+  }
+  return reached;
+}
 
 double rand_gen() { return (std::rand() + 1.0) * 4.656612873077393e-10; }
 

@@ -11,6 +11,11 @@ class Lattice;
 // amplitude step s (0 to b - 1) outside and draw d (0 to a - 1) inside, the
 // amplitude of a value v in step s being (s + 1) v / b.
 void GenerateErrorSet(ErrorParameter& parameter, Lattice& lattice);
+// The elements that element error row `row` reaches: among those it covers,
+// the field maps of the kind it names, static magnetic (type 3) for a row of
+// kind 0 and cavities (type 1) for kind 1. Rows of a set of superimposed
+// fields (kind 2) belong to their member and reach nothing here.
+std::vector<int> ErrorReach(const ErrorParameter& parameter, const Lattice& lattice, std::size_t row);
 // A normal draw by the Box-Muller pair, the second member kept for the next
 // call. Not for worker threads: its state is shared.
 double GenerateGaussian(double mean, double sigma);

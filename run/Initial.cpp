@@ -68,25 +68,37 @@ void Initial::CheckStepCount(double bunchDuration) const {
   if (bunchDuration == 0.0)
     errorOut("steppercycle " + FormatNumber(stepPerCycle) + " at frequency " + FormatNumber(frequency) +
              " Hz would take about " + count + " over the " + FormatNumber(length) + " m lattice" + limit);
+  if (particleDistributionPath != "unknown")
+    errorOut(particleDistributionPath + ": the loaded bunch takes " + FormatNumber(bunchDuration) +
+             " s to pass a plane, which would need about " + count + limit + "; check the phases of its particles");
   errorOut("beam.txt: the generated bunch takes " + FormatNumber(bunchDuration) +
            " s to pass a plane, which would need about " + count + limit + "; check the twiss lines");
 }
 
 int Initial::Read() {
-  std::ifstream file(inputFilePath + "input.txt");
-  if (!file.is_open()) errorOut("File \"input.txt\" cannot be opened, Check the inputFile routing and input.txt.");
+  std::ifstream file;
+  if (!deck::OpenDeck(file, "input.txt"))
+    errorOut("File \"input.txt\" cannot be opened, Check the inputFile routing and input.txt.");
 
-  ForEachTokenLine(file, [this](std::vector<std::string>& token) {
+  ForEachTokenLine(file, "input.txt", [this](std::vector<std::string>& token, int lineNumber, const std::string&) {
     const std::string key = Lower(token[0]);
+    // Refuses a value that the run cannot use: the rule it breaks and the token.
+    auto refuse = [&](const std::string& rule, const std::string& value) {
+      deck::Refuse("input.txt", lineNumber, key + " " + rule + ", got " + value);
+    };
     if (key == "method") {
       NeedArguments(token, 1);
       method = token[1];
     } else if (key == "secondarybeam") {
       NeedArguments(token, 1);
-      secondaryBeam = std::stoi(token[1]);
+      secondaryBeam = DeckInteger(token[1]);
     } else if (key == "boundary") {
       NeedArguments(token, 1);
-      boundary = std::stoi(token[1]);
+      boundary = DeckInteger(token[1]);
+      // Any other value would switch off boundary.txt and the element
+      // apertures alike.
+      if (boundary != 0 && boundary != 1)
+        refuse("must be 0 (apertures of the elements) or 1 (apertures from boundary.txt)", token[1]);
     } else if (key == "dimension") {
       errorOut("input.txt Contains unknown keywords: Dimension");
     } else if (key == "scmethod") {
@@ -98,63 +110,88 @@ int Initial::Read() {
         errorOut("SCMethod Contains unknown item, available options include FFT / SPICNIC");
     } else if (key == "negligibleratio") {
       NeedArguments(token, 1);
-      scParameters[8] = std::stod(token[1]);
+      scParameters[8] = DeckReal(token[1]);
+      // A fraction of the charge of the centre node: at 1 or above every
+      // node's charge would be dropped.
+      if (!(scParameters[8] >= 0.0 && scParameters[8] < 1.0)) refuse("must be at least 0 and below 1", token[1]);
     } else if (key == "lpboundary") {
       NeedArguments(token, 1);
-      lpBoundary = std::stoi(token[1]);
+      lpBoundary = DeckInteger(token[1]);
+      if (lpBoundary != 0 && lpBoundary != 1) refuse("must be 0 (open mesh) or 1 (periodic along z)", token[1]);
     } else if (key == "meshrms") {
       AtMostThree(token);
-      for (std::size_t k = 1; k < token.size(); ++k) scParameters[k] = std::stod(token[k]);
+      for (std::size_t k = 1; k < token.size(); ++k) {
+        scParameters[k] = DeckReal(token[k]);
+        // A mesh narrower than one rms size leaves most of the bunch off it,
+        // a far wider one puts the bunch in a single cell.
+        if (!(scParameters[k] >= 1.0 && scParameters[k] <= 1000.0))
+          refuse("must lie between 1 and 1000 rms sizes", token[k]);
+      }
     } else if (key == "integralgrid") {
       AtMostThree(token);
-      for (std::size_t k = 1; k < token.size(); ++k) scParameters[3 + k] = std::stod(token[k]);
+      for (std::size_t k = 1; k < token.size(); ++k) {
+        scParameters[3 + k] = DeckReal(token[k]);
+        // Each solve integrates over the near cells with this many points
+        // per axis, cubed: beyond 32 a solve takes minutes and gains nothing.
+        if (!(scParameters[3 + k] >= 1.0 && scParameters[3 + k] <= 32.0))
+          refuse("must lie between 1 and 32 points per axis", token[k]);
+      }
     } else if (key == "scutoffdistance") {
       NeedArguments(token, 1);
-      scParameters[7] = static_cast<double>(std::stoi(token[1]));
+      scParameters[7] = static_cast<double>(DeckInteger(token[1]));
+      if (!(scParameters[7] >= 1.0)) refuse("must be 1 or more cells", token[1]);
     } else if (key == "scantstep") {
       NeedArguments(token, 1);
-      scanTStep = std::stod(token[1]);
+      scanTStep = DeckReal(token[1]);
+      // The scan steps this fraction of a time step: 0 never ends, and a
+      // step longer than the transport's would jump over the cavities.
+      if (!(scanTStep > 0.0 && scanTStep <= 1.0))
+        refuse("must be above 0 and at most 1 (a fraction of a time step)", token[1]);
     } else if (key == "dumpperiodicity") {
       NeedArguments(token, 1);
-      const double period = std::stod(token[1]);
-      if (!(period >= 0.0 && period < 2147483648.0))
-        errorOut("keyword: dumpperiodicity, the dump period must be 0 (no dumps) or a number of steps, got " +
-                 token[1]);
+      const double period = DeckReal(token[1]);
+      if (!(period >= 0.0 && period < 2147483648.0)) refuse("must be 0 (no dumps) or a number of steps", token[1]);
       dumpPeriodicity = static_cast<int>(period);
     } else if (key == "spacecharge") {
       NeedArguments(token, 1);
-      spaceCharge = std::stoi(token[1]);
+      spaceCharge = DeckInteger(token[1]);
       if (spaceCharge == 0) std::cout << "Simulation ignores space charge effects" << std::endl;
     } else if (key == "scsolverrecord") {
       NeedArguments(token, 1);
-      scSolverRecord = std::stoi(token[1]);
+      scSolverRecord = DeckInteger(token[1]);
     } else if (key == "numofgrid") {
       AtMostThree(token);
-      for (std::size_t k = 1; k < token.size(); ++k) numOfGrid[k - 1] = std::stoi(token[k]);
+      for (std::size_t k = 1; k < token.size(); ++k) numOfGrid[k - 1] = DeckInteger(token[k]);
     } else if (key == "steppercycle") {
       NeedArguments(token, 1);
-      stepPerCycle = std::stod(token[1]);
+      stepPerCycle = DeckReal(token[1]);
       // The time step is one period over this number: it must move the
       // bunch forward, or no stop is ever reached.
-      if (!(std::isfinite(stepPerCycle) && stepPerCycle > 0.0))
-        errorOut("keyword: steppercycle, the number of time steps per period must be positive and finite, got " +
-                 token[1]);
-      if (token.size() > 2) releaseDistance = std::stod(token[2]);
+      if (!(stepPerCycle > 0.0)) refuse("must be above 0 (time steps per period)", token[1]);
+      if (token.size() > 2) releaseDistance = DeckReal(token[2]);
     } else if (key == "runperiod") {
       NeedArguments(token, 1);
-      runPeriod = std::stoi(token[1]);
+      runPeriod = DeckInteger(token[1]);
+      if (runPeriod < 1) refuse("must be 1 or more periods (the step limit of the phase scan)", token[1]);
     } else if (key == "track") {
       NeedArguments(token, 1);
-      track = std::stoi(token[1]);
+      track = DeckInteger(token[1]);
     } else if (key == "scanphase") {
       NeedArguments(token, 1);
-      scanPhase = std::stoi(token[1]);
+      scanPhase = DeckInteger(token[1]);
     } else if (key == "multithreading") {
       NeedArguments(token, 1);
-      multithreading = std::stoi(token[1]);
+      multithreading = DeckInteger(token[1]);
     } else if (key == "setnumberofcores") {
       if (token.size() < 11) errorOut("keyword: setnumberofcores, Insufficient parameters, need 10 parameters");
-      for (int k = 0; k < 10; ++k) cores[k] = std::stoi(token[k + 1]);
+      std::vector<int> given(10);
+      for (int k = 0; k < 10; ++k) {
+        given[k] = DeckInteger(token[k + 1]);
+        // -1 in the first place lets the bunch size choose all ten.
+        if (given[k] < 1 && !(k == 0 && given[k] == -1))
+          refuse("needs 1 or more threads in each place (or -1 first, to choose by bunch size)", token[k + 1]);
+      }
+      cores = given;
       const int available = omp_get_max_threads();
       for (int k = 0; k < 10; ++k) {
         if (cores[k] > available) cores[k] = available;
@@ -162,9 +199,9 @@ int Initial::Read() {
       }
     } else if (key == "maxthreads") {
       NeedArguments(token, 1);
-      maxThreads = std::stoi(token[1]);
+      maxThreads = DeckInteger(token[1]);
     } else {
-      errorOut("input.txt Contains unknown keywords, check input.txt");
+      deck::UnknownKeyword("input.txt", lineNumber, token[0]);
     }
     return true;
   });
@@ -177,21 +214,30 @@ int Initial::Read() {
 }
 
 int Initial::ReadBeam() {
-  std::ifstream file(inputFilePath + "beam.txt");
-  if (!file.is_open()) errorOut("File \"beam.txt\" cannot be opened, Check the inputFile routing and beam.txt.");
+  std::ifstream file;
+  if (!deck::OpenDeck(file, "beam.txt"))
+    errorOut("File \"beam.txt\" cannot be opened, Check the inputFile routing and beam.txt.");
 
-  ForEachTokenLine(file, [this](std::vector<std::string>& token) {
+  ForEachTokenLine(file, "beam.txt", [this](std::vector<std::string>& token, int lineNumber, const std::string&) {
     const std::string key = Lower(token[0]);
     if (key == "readparticledistribution") {
       NeedArguments(token, 1);
       particleDistributionPath = token[1];
     } else if (key == "numofcharge") {
       NeedArguments(token, 1);
-      numOfCharge = std::stod(token[1]);
-      numOfChargeGiven = true;
+      // Any charge state counts, -1 (a negative ion) included; none is above
+      // that of the heaviest bare nucleus.
+      numOfCharge = DeckReal(token[1]);
+      chargeGiven = true;
+      if (!(numOfCharge != 0.0 && std::fabs(numOfCharge) <= 118.0))
+        deck::Refuse("beam.txt", lineNumber,
+                     "numofcharge must be a charge state of 1 to 118 in magnitude, got " + token[1]);
     } else if (key == "particlerestmass") {
       NeedArguments(token, 1);
-      particleRestMass = std::stod(token[1]);
+      particleRestMass = DeckReal(token[1]);
+      // No charged particle is lighter than the electron (0.511 MeV).
+      if (!(particleRestMass >= 0.5))
+        deck::Refuse("beam.txt", lineNumber, "particlerestmass must be at least 0.5 MeV, got " + token[1]);
     } else if (key == "kindofparticle") {
       NeedArguments(token, 1);
       kindOfParticle = token[1];
@@ -208,36 +254,36 @@ int Initial::ReadBeam() {
       if (token.size() != 4) errorOut(key + " have 3 parameters, emittance, beta, alpha");
       // The line reads alpha, beta, emittance; the triple is stored reversed.
       const int plane = 3 * (key[5] - 'x');
-      twiss[plane + 2] = std::stod(token[1]);
-      twiss[plane + 1] = std::stod(token[2]);
-      twiss[plane + 0] = std::stod(token[3]);
+      twiss[plane + 2] = DeckReal(token[1]);
+      twiss[plane + 1] = DeckReal(token[2]);
+      twiss[plane + 0] = DeckReal(token[3]);
     } else if (key == "particlenumber") {
       NeedArguments(token, 1);
-      particleNumber = std::stoi(token[1]);
+      particleNumber = DeckInteger(token[1]);
     } else if (key == "displacepos") {
       AtMostThree(token);
-      for (std::size_t k = 1; k < token.size(); ++k) displacePos[k - 1] = std::stod(token[k]) * 0.001;
+      for (std::size_t k = 1; k < token.size(); ++k) displacePos[k - 1] = DeckReal(token[k]) * 0.001;
     } else if (key == "displacedpos") {
       AtMostThree(token);
-      for (std::size_t k = 1; k < token.size(); ++k) displacedPos[k - 1] = std::stod(token[k]) * 0.001;
+      for (std::size_t k = 1; k < token.size(); ++k) displacedPos[k - 1] = DeckReal(token[k]) * 0.001;
     } else if (key == "frequency") {
       NeedArguments(token, 1);
-      frequency = std::stod(token[1]);
+      frequency = DeckReal(token[1]);
     } else if (key == "kneticenergy") {
       NeedArguments(token, 1);
-      kineticEnergy = std::stod(token[1]);
+      kineticEnergy = DeckReal(token[1]);
     } else if (key == "beamlength") {
       NeedArguments(token, 2);
-      beamLength[0] = static_cast<double>(std::stoi(token[1]));
-      beamLength[1] = std::stod(token[2]);
+      beamLength[0] = static_cast<double>(DeckInteger(token[1]));
+      beamLength[1] = DeckReal(token[2]);
     } else if (key == "current") {
       NeedArguments(token, 1);
-      current = std::stod(token[1]);
+      current = DeckReal(token[1]);
     } else if (key == "bunchnumber") {
       NeedArguments(token, 1);
-      bunchNumber = std::stoi(token[1]);
+      bunchNumber = DeckInteger(token[1]);
     } else {
-      errorOut("beam.txt Contains unknown keywords, check input.txt");
+      deck::UnknownKeyword("beam.txt", lineNumber, token[0]);
     }
     return true;
   });
@@ -301,9 +347,6 @@ void Initial::CheckBeamValues() const {
   };
   if (!(std::isfinite(kineticEnergy) && kineticEnergy > 0.0)) refuse("kneticenergy must be a positive number of MeV", kineticEnergy);
   if (!(std::isfinite(frequency) && frequency > 0.0)) refuse("frequency must be a positive number of Hz", frequency);
-  if (!(std::isfinite(particleRestMass) && particleRestMass > 0.0))
-    refuse("particlerestmass must be a positive number of MeV", particleRestMass);
-  if (!(std::isfinite(numOfCharge) && numOfCharge != 0.0)) refuse("numofcharge must be a non-zero charge state", numOfCharge);
   if (!(std::isfinite(current) && (current >= 0.0 || (current == -1.0 && particleNumber == 1))))
     refuse("current must be 0 or more mA", current);
   // Ion sources deliver beams above beta 0.001; anything slower comes from a
@@ -396,7 +439,7 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
   if (particleNumber == -1) missing = "particlenumber";
   else if (kineticEnergy == -1.0) missing = "kneticenergy";
   else if (frequency == -1.0) missing = "frequency";
-  else if (!numOfChargeGiven) missing = "numofcharge";
+  else if (!chargeGiven) missing = "numofcharge";
   else if (current == -1.0 && N != 1) missing = "current";
   if (missing) errorOut(std::string("beam.txt lacks the keyword ") + missing + ", which the bunch generation needs");
   CheckBeamValues();

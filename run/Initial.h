@@ -18,7 +18,7 @@ class Initial {
   int secondaryBeam = 0;
   std::string particleDistributionPath = "unknown";  // "unknown": generate the bunch
   double numOfCharge = -1.0;
-  bool numOfChargeGiven = false;  // beam.txt names the charge state (-1 is H-, not "not given")
+  bool chargeGiven = false;  // beam.txt named numofcharge: -1 is a charge state too
   double atomicMass = -1.0;  // rest mass / 938.27187
   std::vector<std::string> distributionType = {"GS", "GS"};  // transverse, longitudinal
   int particleNumber = -1;
@@ -75,6 +75,7 @@ class Initial {
  private:
   bool latticeStarted = false;  // lattice.txt had its start line
   bool latticeClosed = false;   // and its end line
+  int setEndLine = 0;           // an end line used up by a set of superimposed fields
   void ApplySolverSettings(int count);
   void ApplyThreadSettings(int count);
   void GenerateBunch(Beam& beam, const std::vector<double>* beamErrors);
@@ -85,6 +86,8 @@ class Initial {
   // Refuse a time step that would need more steps to cross the lattice than
   // any run can make.
   void CheckStepCount(double bunchDuration) const;
+  // Refuse settings that would keep the phase scan stepping for minutes.
+  void CheckScanSteps(const Lattice& lattice, const SynParticle& syn, double dt) const;
   void MakeSingleParticle(Beam& beam, double betaGamma, double macro);
   // Moves one particle from the file form to the head's time; returns its gamma.
   double ToCommonTime(Beam& beam, Particle& p) const;

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <iostream>
@@ -28,7 +29,7 @@ std::vector<double> ElementErrorRow(const std::vector<std::string>& token, doubl
   row[0] = kind;
   row[1] = sense;
   row[2] = static_cast<double>(elementCount);
-  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = std::stod(token[k]);
+  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = DeckReal(token[k]);
   return row;
 }
 
@@ -40,7 +41,7 @@ std::vector<int> ElementSwitchRow(const std::vector<std::string>& token, int kin
   row[1] = sense;
   anyOn = false;
   for (std::size_t k = 1; k < token.size(); ++k) {
-    row[1 + k] = std::stoi(token[k]);
+    row[1 + k] = DeckInteger(token[k]);
     if (row[1 + k] != 0) anyOn = true;
   }
   return row;
@@ -53,18 +54,19 @@ void PadBeamSwitches(std::vector<int>& beamSwitch) {
   if (beamSwitch.size() < target) beamSwitch.resize(target, 0);
 }
 
-// The line as the user wrote it, without the carriage return of a
-// Windows-edited deck.
-std::string AsWritten(const std::string& line) {
-  return !line.empty() && line.back() == '\r' ? line.substr(0, line.size() - 1) : line;
-}
-
-// Shortest token list each simple element reads.
+// Shortest token list each simple element reads, and the whole list it
+// reads when complete.
 std::size_t MinimumTokens(const std::string& key) {
   if (key == "drift") return 4;
   if (key == "quad") return 6;
   if (key == "steerer") return 7;
   return 5;  // solenoid, bend
+}
+std::size_t FullTokens(const std::string& key) {
+  if (key == "drift") return 4;
+  if (key == "solenoid") return 5;
+  if (key == "quad") return 7;
+  return 8;  // steerer, bend
 }
 
 // Places a simple element. A short line keeps the element's own report (the
@@ -80,13 +82,19 @@ void PlaceSimpleElement(Lattice& lattice, std::vector<std::string>& token, Eleme
   const bool complete = token.size() >= MinimumTokens(key);
   lattice.SetElement(token, element);
   if (!complete) {
-    std::cout << "lattice.txt line " << lineNumber << ": \"" << AsWritten(line) << "\" has too few values for a "
+    std::cout << "lattice.txt line " << lineNumber << ": \"" << line << "\" has too few values for a "
               << key << "; the element is left unconfigured" << std::endl;
   } else {
     const double length = element->length;
-    if (!(std::isfinite(length) && (length > 0.0 || (isSteerer && length == 0.0))))
+    if (!(length > 0.0 || (isSteerer && length == 0.0)))
       Initial::errorOut("lattice.txt line " + std::to_string(lineNumber) + ": the length of a " + key +
-                        " must be a positive number of metres, got " + token[1] + " in \"" + AsWritten(line) + "\"");
+                        " must be a positive number of metres, got " + token[1] + " in \"" + line + "\"");
+    // A particle is lost at the radius: at 0 or below nothing passes, and
+    // the design particle of the phase scan would be blamed.
+    if (!(element->radius > 0.0))
+      Initial::errorOut("lattice.txt line " + std::to_string(lineNumber) + ": the aperture of a " + key +
+                        " must be a positive number of metres, got " + token[2] + " in \"" + line + "\"");
+    deck::WarnExtraTokens(token, FullTokens(key), lineNumber);
   }
   if (isSteerer) {
     // The kick acts in the element behind the steerer; a steerer with no
@@ -101,14 +109,28 @@ void PlaceSimpleElement(Lattice& lattice, std::vector<std::string>& token, Eleme
   }
 }
 
+// Element errors act on field maps only: a row that covers none of the
+// kind it names is said so, with its line.
+void WarnUnreachedErrors(const ErrorParameter& error, const Lattice& lattice,
+                         const std::vector<std::pair<std::size_t, int>>& rowLines) {
+  for (const auto& [row, lineNumber] : rowLines) {
+    if (!ErrorReach(error, lattice, row).empty()) continue;
+    const bool cavity = error.elementError[row][0] == 1.0;
+    std::cout << "Warning! lattice.txt line " << lineNumber << ": " << (cavity ? "err_cav_ncpl" : "err_quad_ncpl")
+              << " reaches no element: element errors act on field maps only, err_quad_ on static magnetic ones "
+                 "(type 3), err_cav_ on cavities (type 1)"
+              << std::endl;
+  }
+}
+
 // More planes than this cannot be meant; each one is a file.
 constexpr double kMaxAutomaticPlanes = 100000.0;
 
 }  // namespace
 
 int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boundaryList) {
-  std::ifstream file(inputFilePath + "lattice.txt");
-  if (!file.is_open())
+  std::ifstream file;
+  if (!deck::OpenDeck(file, "lattice.txt"))
     errorOut("File \"lattice.txt\" cannot be opened, Check the inputFile routing and lattice.txt.");
   std::cout << "Initialising lattice..." << std::endl;
 
@@ -118,8 +140,9 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
   int lastSteererLine = 0;  // element count right after the last steerer
   int rfIndex = 0;          // running number of radio-frequency elements
   SuperposedSet superposedSet;
+  std::vector<std::pair<std::size_t, int>> errorLines;  // element error rows and their lines
 
-  ForEachTokenLine(file, [&](std::vector<std::string>& token, int lineNumber, const std::string& line) {
+  ForEachTokenLine(file, "lattice.txt", [&](std::vector<std::string>& token, int lineNumber, const std::string& line) {
     const std::string& key = token[0];
     if (waitingForStart) {
       if (key == "start") {
@@ -145,40 +168,46 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       PlaceSimpleElement(lattice, token, new Bend(), lineNumber, line, lastSteererLine);
     } else if (key == "automaticoutput") {
       NeedArguments(token, 1);
-      automaticOutputStep = std::stod(token[1]);
+      automaticOutputStep = DeckReal(token[1]);
       // A negative step would fill the plane list without end.
-      if (!(automaticOutputStep >= 0.0) || std::isinf(automaticOutputStep))
+      if (!(automaticOutputStep >= 0.0))
         errorOut("automaticoutput needs a step of 0 or more metres, got " + token[1]);
     } else if (key == "outputplane") {
       NeedArguments(token, 1);
-      const double value = std::stod(token[1]);
+      const double value = DeckReal(token[1]);
       outputPlanes.push_back(lattice.zEnd.empty() ? value : lattice.zEnd.back() + value);
     } else if (key == "err_step") {
       NeedArguments(token, 2);
-      error.errStep[0] = std::stoi(token[1]);
-      error.errStep[1] = std::stoi(token[2]);
+      const int draws = DeckInteger(token[1]), steps = DeckInteger(token[2]);
+      // The study runs draws x steps samples, counted in 32 bits.
+      if (draws < 1 || steps < 1)
+        deck::Refuse("lattice.txt", lineNumber, "err_step asks for " + token[1] + " x " + token[2] +
+                                                    " samples; both numbers must be 1 or more");
+      if (static_cast<long long>(draws) * steps > 2147483647LL)
+        deck::Refuse("lattice.txt", lineNumber, "err_step asks for " + token[1] + " x " + token[2] +
+                                                    " samples, more than the 2147483647 a study can count");
+      error.errStep[0] = draws;
+      error.errStep[1] = steps;
     } else if (key == "err_beam_stat" || key == "err_beam_dyn") {
       error.beamError.push_back(key == "err_beam_stat" ? 0.0 : 1.0);
-      for (std::size_t k = 1; k < token.size(); ++k) error.beamError.push_back(std::stod(token[k]));
+      for (std::size_t k = 1; k < token.size(); ++k) error.beamError.push_back(DeckReal(token[k]));
       PadBeamSwitches(error.beamSwitch);
     } else if (key == "err_beam_stat_on" || key == "err_beam_dyn_on") {
       const int sense = key == "err_beam_stat_on" ? 0 : 1;
       error.beamSwitch.push_back(sense);
       bool anyOn = false;
       for (std::size_t k = 1; k < token.size(); ++k) {
-        error.beamSwitch.push_back(std::stoi(token[k]));
+        error.beamSwitch.push_back(DeckInteger(token[k]));
         if (error.beamSwitch.back() != 0) anyOn = true;
       }
       PadBeamSwitches(error.beamSwitch);
       if (anyOn) error.onFlag[sense] = 1;
-    } else if (key == "err_quad_ncpl_stat") {
-      error.elementError.push_back(ElementErrorRow(token, 0.0, 0.0, elementCount));
-    } else if (key == "err_quad_ncpl_dyn") {
-      error.elementError.push_back(ElementErrorRow(token, 0.0, 1.0, elementCount));
-    } else if (key == "err_cav_ncpl_stat") {
-      error.elementError.push_back(ElementErrorRow(token, 1.0, 0.0, elementCount));
-    } else if (key == "err_cav_ncpl_dyn") {
-      error.elementError.push_back(ElementErrorRow(token, 1.0, 1.0, elementCount));
+    } else if (key == "err_quad_ncpl_stat" || key == "err_quad_ncpl_dyn" || key == "err_cav_ncpl_stat" ||
+               key == "err_cav_ncpl_dyn") {
+      const double kind = key.compare(4, 3, "cav") == 0 ? 1.0 : 0.0;
+      const double sense = key.find("_dyn") != std::string::npos ? 1.0 : 0.0;
+      errorLines.emplace_back(error.elementError.size(), lineNumber);
+      error.elementError.push_back(ElementErrorRow(token, kind, sense, elementCount));
     } else if (key == "err_quad_stat_on" || key == "err_quad_dyn_on" || key == "err_cav_stat_on" ||
                key == "err_cav_dyn_on") {
       const int kind = key.compare(4, 3, "cav") == 0 ? 1 : 0;
@@ -195,6 +224,7 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
       // like a radio-frequency field. Its own SetParameter is not reached
       // from here (it has another signature): the element keeps the type
       // "drift" and no cells unless a caller configures it by hand.
+      CheckRfqLine(token, lineNumber);
       ReadRFQ(inputFilePath, outputFilePath);
       if (token.size() < 14) token.resize(14, "invalid");
       token.push_back(std::to_string(rfIndex++));
@@ -202,25 +232,31 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
     } else if (key == "end") {
       closed = latticeClosed = true;
       return false;
+    } else if (key != "start") {
+      // Unknown words are skipped, as they always were, but a misspelt
+      // element would shorten the line unseen.
+      std::cout << "lattice.txt line " << lineNumber << ": unknown keyword '" << key << "' ignored" << std::endl;
     }
-    // Any other word behind start is ignored.
     return true;
   });
   file.close();
   superposedSet.EndOfDeck();
+  setEndLine = superposedSet.ConsumedEnd();
 
   if (closed) {
     error.elementNumber = static_cast<int>(lattice.element.size());
+    WarnUnreachedErrors(error, lattice, errorLines);
     const double total = lattice.zEnd.empty() ? 0.0 : lattice.zEnd.back();
     outputPlanes.push_back(total);
 
     if (automaticOutputStep != 0.0) {
       // Fill gaps wider than twice the step with planes one step apart; every
-      // plane of the deck stays.
+      // plane of the deck stays, so the farthest of them sets the count.
       const double d = automaticOutputStep;
-      if (total / d > kMaxAutomaticPlanes)
-        errorOut("automaticoutput " + FormatNumber(d) + " would make about " + FormatNumber(total / d) +
-                 " output planes over " + FormatNumber(total) + " m; at most 100000 are allowed, choose a larger step");
+      const double reach = *std::max_element(outputPlanes.begin(), outputPlanes.end());
+      if (reach / d > kMaxAutomaticPlanes)
+        errorOut("automaticoutput " + FormatNumber(d) + " would make about " + FormatNumber(reach / d) +
+                 " output planes over " + FormatNumber(reach) + " m; at most 100000 are allowed, choose a larger step");
       const std::vector<double> given = outputPlanes;
       outputPlanes.assign(1, 0.0);
       for (double p : given) {
@@ -249,6 +285,10 @@ int Initial::InitLattice(Lattice& lattice, ErrorParameter& error, Boundary& boun
 
 void Initial::CheckLattice(const Lattice& lattice) const {
   if (!latticeStarted) errorOut("lattice.txt has no start line, so no element was read");
+  if (!latticeClosed && setEndLine > 0)
+    errorOut("lattice.txt line " + std::to_string(setEndLine) +
+             ": this end line closes the set of superimposed fields above it and is used up by it, so the lattice "
+             "has no end line; put another line (a second start will do) between the set and end");
   if (!latticeClosed) errorOut("lattice.txt has no end line, the lattice is not closed");
   if (lattice.element.empty()) errorOut("lattice.txt holds no element between start and end");
 }

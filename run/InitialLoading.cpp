@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "beam/PhysicalConstants.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
@@ -22,6 +23,8 @@ namespace {
 // Bytes of the fixed parts of the binary layout: header and rest energy.
 constexpr long long kHeaderBytes = 23;
 constexpr long long kRowBytes = 48;
+// cm: no beam pipe is wider than this.
+constexpr double kFarOffAxis = 100.0;
 
 // Enough digits to tell two rest energies apart.
 std::string Precise(double value) {
@@ -40,6 +43,7 @@ bool AllFinite(const std::vector<double>& values) {
 
 void Initial::ReadDistributionFile(const std::string& name, LoadedDistribution& file) {
   std::cout << "Start reading initial beam distribution..." << std::endl;
+  if (IsFolder(inputFilePath + name)) errorOut(name + " in the input folder is a folder, not a file");
   std::ifstream in(inputFilePath + name, std::ios::binary);
   if (!in.is_open()) errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
   in.seekg(0, std::ios::end);
@@ -76,9 +80,16 @@ void Initial::ReadDistributionFile(const std::string& name, LoadedDistribution& 
 
   file.rows.assign(N, std::vector<double>(6, 0.0));
   for (int i = 0; i < N; ++i) {
-    in.read(reinterpret_cast<char*>(file.rows[i].data()), 6 * sizeof(double));
-    if (!AllFinite(file.rows[i]))
-      errorOut(name + ": particle " + std::to_string(i) + " of the distribution file has a coordinate that is not finite");
+    std::vector<double>& q = file.rows[i];
+    in.read(reinterpret_cast<char*>(q.data()), 6 * sizeof(double));
+    const std::string particle = name + ": particle " + std::to_string(i) + " of the distribution file ";
+    if (!AllFinite(q)) errorOut(particle + "has a coordinate that is not finite");
+    // A particle at rest never reaches a plane, and one metres off the axis
+    // is no part of a beam; both would spoil the statistics of the bunch.
+    if (!(q[5] > 0.0)) errorOut(particle + "has a kinetic energy of " + FormatNumber(q[5]) + " MeV; it must be above 0");
+    if (!(std::fabs(q[0]) <= kFarOffAxis && std::fabs(q[2]) <= kFarOffAxis))
+      errorOut(particle + "stands at x = " + FormatNumber(q[0]) + " cm, y = " + FormatNumber(q[2]) +
+               " cm; a particle of the beam lies within 100 cm of the axis");
   }
   in.read(reinterpret_cast<char*>(&file.restEnergy), sizeof file.restEnergy);
   std::cout << "Particle rest mass " << file.restEnergy << "(MeV)" << std::endl;
@@ -87,7 +98,7 @@ void Initial::ReadDistributionFile(const std::string& name, LoadedDistribution& 
   if (!(std::fabs(file.restEnergy - particleRestMass) <= 1e-9 * particleRestMass))
     errorOut(name + ": the distribution file gives a rest energy of " + Precise(file.restEnergy) +
              " MeV, but beam.txt gives particlerestmass " + Precise(particleRestMass) + " MeV");
-  if (!numOfChargeGiven)
+  if (!chargeGiven)
     errorOut("beam.txt lacks the keyword numofcharge, which the loading of " + name + " needs");
 }
 
@@ -143,20 +154,25 @@ void Initial::LoadDistribution(Beam& beam, const std::vector<double>* beamErrors
   ApplyThreadSettings(N);
   beam.particleNumber = N;
   ApplyLoadedBeamErrors(file, beamErrors);
-  if (!WriteLoadedDistribution(file)) errorOut("Insufficient permissions to write file: inData.dst");
-
   const double macro = TakeLoadedBeam(beam, file);
   double energySum = 0.0;
   for (const std::vector<double>& q : file.rows) energySum += q[5];
   kineticEnergy = energySum / N;
   std::cout << "Average beam energy" << kineticEnergy << "(MeV)" << std::endl;
+  // A bunch spread over too many periods is refused before anything is written.
+  double maxPhase = 0.0, minPhase = 0.0;
+  for (const std::vector<double>& q : file.rows) {
+    maxPhase = std::max(maxPhase, q[4]);
+    minPhase = std::min(minPhase, q[4]);
+  }
+  CheckStepCount((maxPhase - minPhase) / (kTwoPi * beam.frequency));
+  if (!WriteLoadedDistribution(file)) errorOut("Insufficient permissions to write file: inData.dst");
 
   beam.particle = new Particle[N + 1]();
   if (beam.current != 0.0)
     std::cout << "The number of macroparticle representative particles is " << macro << std::endl;
 
   const double e = kElementaryCharge;
-  double maxPhase = 0.0, minPhase = 0.0;
   for (int i = 0; i <= N; ++i) {
     Particle& p = beam.particle[i];
     const double weight = i < N ? macro : 1.0;
@@ -168,12 +184,9 @@ void Initial::LoadDistribution(Beam& beam, const std::vector<double>* beamErrors
     p.boundaryMode = boundary;
     if (i == N) break;
     std::copy(file.rows[i].begin(), file.rows[i].end(), p.coordinate);
-    maxPhase = std::max(maxPhase, p.coordinate[4]);
-    minPhase = std::min(minPhase, p.coordinate[4]);
   }
   beam.phaseStart = (maxPhase - minPhase) / (kTwoPi * beam.frequency);
   beam.phaseHead = minPhase / (kTwoPi * beam.frequency);
-  CheckStepCount(beam.phaseStart);
 
   if (transportCode == 1) {
     double gammaSum = 0.0;
@@ -207,6 +220,7 @@ void Initial::LoadSecondaryDistribution(Beam& beam, const std::vector<double>* b
   const double macro = TakeLoadedBeam(beam, file);
   beam.releaseDistance = releaseDistance;
   RequireReferenceEnergy();
+  CheckStepCount(0.0);
   std::cout << "Synchronous particle energy " << kineticEnergy << "(MeV)" << std::endl;
 
   beam.particle = new Particle[N + 1]();
@@ -263,33 +277,35 @@ void Initial::LoadSecondaryDistribution(Beam& beam, const std::vector<double>* b
 void Initial::LoadSecondaryText(Beam& beam) {
   std::cout << "Start reading secondary particle distribution..." << std::endl;
   const std::string& name = particleDistributionPath;
+  if (IsFolder(inputFilePath + name)) errorOut(name + " in the input folder is a folder, not a file");
   std::ifstream in(inputFilePath + name);
   if (!in.is_open()) errorOut("The initial bunch distribution file cannot be opened, check particleDistributionPath");
   std::vector<std::vector<double>> rows;
   std::vector<std::string> names;
   std::string line;
   std::vector<std::string> tokens;
-  int lineNumber = 0;
-  while (std::getline(in, line)) {
-    ++lineNumber;
+  for (int lineNumber = 1; GetDeckLine(in, line); ++lineNumber) {
+    const std::string where = name + " line " + std::to_string(lineNumber) + ": ";
     StringSplit(line, tokens);
     // Every line is a particle, a blank one included.
     if (tokens.size() < 11)
-      errorOut(name + ": line " + std::to_string(lineNumber) + " holds " + std::to_string(tokens.size()) +
+      errorOut(where + "the line holds " + std::to_string(tokens.size()) +
                " tokens; a particle line needs 11: x y z vx vy vz charge restenergy count time species");
     std::vector<double> row(10);
-    for (int k = 0; k < 10; ++k) row[k] = std::stod(tokens[k]);
-    if (!AllFinite(row))
-      errorOut(name + ": line " + std::to_string(lineNumber) + " holds a number that is not finite");
+    try {
+      for (int k = 0; k < 10; ++k) row[k] = DeckReal(tokens[k]);
+    } catch (const DeckValueError& e) {
+      errorOut(where + e.what() + " in \"" + line + "\"");
+    }
     const double v = std::sqrt(row[3] * row[3] + row[4] * row[4] + row[5] * row[5]);
     if (!(row[5] > 0.0) || !(v < kLightSpeed))
-      errorOut(name + ": line " + std::to_string(lineNumber) +
-               " gives a velocity that is not forward in z or not below the speed of light");
-    if (!(row[7] > 0.0) || !(row[8] > 0.0))
-      errorOut(name + ": line " + std::to_string(lineNumber) + " gives a rest energy or particle count of 0 or below");
+      errorOut(where + "the velocity is not forward in z or not below the speed of light");
+    if (!(row[7] > 0.0) || !(row[8] > 0.0)) errorOut(where + "the rest energy or the particle count is 0 or below");
     rows.push_back(row);
     names.push_back(tokens[10]);
   }
+  // An empty list would run and track nothing.
+  if (rows.empty()) errorOut(name + " holds no particle line");
   const int N = static_cast<int>(rows.size());
   particleNumber = N;
   numOfGrid = {3, 3, 3};
@@ -305,6 +321,7 @@ void Initial::LoadSecondaryText(Beam& beam) {
   if (!(frequency > 0.0))
     errorOut("beam.txt lacks the keyword frequency (or gives 0 or below), which the phase scan of a secondary beam "
              "needs");
+  CheckStepCount(0.0);
   std::cout << "Synchronous particle energy " << kineticEnergy << "(MeV)" << std::endl;
 
   const double c = kLightSpeed;
@@ -350,7 +367,7 @@ void Initial::RequireReferenceEnergy() const {
   if (!(kineticEnergy > 0.0))
     errorOut("beam.txt lacks the keyword kneticenergy (or gives 0 or below), which the reference particle of a "
              "secondary beam needs");
-  if (!numOfChargeGiven)
+  if (!chargeGiven)
     errorOut("beam.txt lacks the keyword numofcharge, which the reference particle of a secondary beam needs");
   if (!(releaseDistance > 0.0)) errorOut("input.txt: the release distance, the second argument of steppercycle, must be above 0 for a secondary beam");
 }

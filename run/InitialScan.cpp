@@ -10,19 +10,26 @@
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 
 #include "beam/PhysicalConstants.h"
 #include "beam/SynParticle.h"
 #include "beamline/PlaneFrame.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
 
 namespace {
 
+using constants::kLightSpeed;
 using constants::kPi;
 
 constexpr int kTrials = 21;  // entrance phases -180, -162, ..., 180 deg
+constexpr double kSlowestFlight = 1000.0;  // times the flight time at the entry speed
+// Steps of the synchronous particle that a scan may take: a few seconds each
+// hundred million.
+constexpr double kMaxScanSteps = 1e9;
 
 double Kinetic(const SynParticle& syn) {
   const double g = syn.coordinate[5];
@@ -33,11 +40,20 @@ double Kinetic(const SynParticle& syn) {
 void ReadScanTable(std::ifstream& in, FieldMatrix& fieldM) {
   std::string line;
   std::vector<std::string> field;
-  while (std::getline(in, line)) {
+  for (int lineNumber = 1; GetDeckLine(in, line); ++lineNumber) {
     StringSplit(line, field);
-    if (field.size() < 2) continue;
-    fieldM.phase.push_back(std::stod(field[0]));
-    fieldM.time.push_back(std::stod(field[1]));
+    if (field.empty()) continue;
+    try {
+      if (field.size() < 2) throw std::out_of_range("one value");
+      const double phase = DeckReal(field[0]), time = DeckReal(field[1]);
+      fieldM.phase.push_back(phase);
+      fieldM.time.push_back(time);
+    } catch (const DeckValueError& e) {
+      Initial::errorOut("scanData.txt line " + std::to_string(lineNumber) + ": " + e.what() + " in \"" + line + "\"");
+    } catch (const std::out_of_range&) {
+      Initial::errorOut("scanData.txt line " + std::to_string(lineNumber) +
+                        ": a cavity line needs an entrance phase and an arrival time, in \"" + line + "\"");
+    }
   }
 }
 
@@ -46,8 +62,8 @@ std::size_t CavityCount(const Lattice& lattice) {
   std::size_t count = 0;
   for (const Element* e : lattice.element) {
     const std::vector<std::string>& token = e->parameter;
-    if (token.size() > 14 && (token[0] == "field" || token[0] == "rfq") && std::stod(token[5]) != 0.0)
-      count = std::max(count, static_cast<std::size_t>(std::stoi(token[14])) + 1);
+    if (token.size() > 14 && (token[0] == "field" || token[0] == "rfq") && DeckReal(token[5]) != 0.0)
+      count = std::max(count, static_cast<std::size_t>(DeckInteger(token[14])) + 1);
   }
   return count;
 }
@@ -58,13 +74,20 @@ class CavityScan {
   CavityScan(SynParticle& syn, Lattice& lattice, int element, double dt, double stepLimit)
       : syn_(syn), lattice_(lattice), element_(element), dt_(dt), stepLimit_(stepLimit) {
     const std::vector<std::string>& token = lattice.element[element]->parameter;
-    omega_ = constants::kTwoPi * std::stod(token.at(5));
-    wanted_ = std::stod(token.at(6));
-    cavity_ = std::stoi(token.at(14));
+    omega_ = constants::kTwoPi * DeckReal(token.at(5));
+    wanted_ = DeckReal(token.at(6));
+    cavity_ = DeckInteger(token.at(14));
     start_ = lattice.zStart[element];
     end_ = lattice.zEnd[element];
     z0_ = syn.coordinate[4];
     g0_ = syn.coordinate[5];
+    // A flight that takes a thousand times as long as at the entry speed has
+    // been stopped or turned back by the field; without this bound it would
+    // go on for all of runperiod, minutes of stepping.
+    const double speed = constants::kLightSpeed * g0_ / std::sqrt(1.0 + g0_ * g0_);
+    const double flightSteps = kSlowestFlight * (end_ - start_) / speed / dt_;
+    stalled_ = flightSteps < stepLimit_;
+    if (stalled_) stepLimit_ = flightSteps;
   }
 
   int cavity() const { return cavity_; }
@@ -133,13 +156,16 @@ class CavityScan {
  private:
   [[noreturn]] void StepLimitStop() const {
     Initial::errorOut("The synchronous particle does not leave cavity " + std::to_string(cavity_ + 1) +
-                      " within the scan's step limit (runperiod); its field stops or turns it back");
+                      (stalled_ ? " within 1000 times its flight time at the entry speed"
+                                : " within the scan's step limit (runperiod)") +
+                      "; its field stops or turns it back");
   }
 
   SynParticle& syn_;
   Lattice& lattice_;
   int element_;
   double dt_, stepLimit_;
+  bool stalled_ = false;  // the step limit is the stalled flight's, not runperiod's
   double omega_ = 0.0, wanted_ = 0.0;
   int cavity_ = 0;
   double start_ = 0.0, end_ = 0.0, z0_ = 0.0, g0_ = 0.0;
@@ -169,8 +195,8 @@ bool BracketOf(int i, const double* S, const double* G, double T, int& low, int&
 // pi/2 - o); if the particle loses energy on that half-wave, the other one.
 void ScanRFQ(SynParticle& syn, Lattice& lattice, int element, double& t) {
   const std::vector<std::string>& token = lattice.element[element]->parameter;
-  const double frequency = std::stod(token.at(5));
-  const int cavity = std::stoi(token.at(14));
+  const double frequency = DeckReal(token.at(5));
+  const int cavity = DeckInteger(token.at(14));
   std::vector<double>& q = syn.coordinate;
   if (static_cast<int>(syn.timeList.size()) <= cavity) syn.timeList.resize(cavity + 1, 0.0);
   if (static_cast<int>(syn.phaseList.size()) <= cavity) syn.phaseList.resize(cavity + 1, 0.0);
@@ -197,11 +223,32 @@ void ScanRFQ(SynParticle& syn, Lattice& lattice, int element, double& t) {
 
 }  // namespace
 
+void Initial::CheckScanSteps(const Lattice& lattice, const SynParticle& syn, double dt) const {
+  // One flight along the lattice and 28 more through each cavity, at the
+  // entry speed: a bound on the scan's steps that the settings ask for.
+  const double g = syn.coordinate[5];
+  const double speed = kLightSpeed * g / std::sqrt(1.0 + g * g);
+  double length = lattice.zEnd.empty() ? 0.0 : lattice.zEnd.back();
+  for (std::size_t i = 0; i < lattice.element.size(); ++i) {
+    const Element* e = lattice.element[i];
+    if (e->type == "field" && DeckReal(e->parameter.at(5)) != 0.0)
+      length += (kTrials + 7) * (lattice.zEnd[i] - lattice.zStart[i]);
+  }
+  const double steps = length / speed / dt;
+  if (!(steps > kMaxScanSteps)) return;
+  errorOut("The phase scan would take about " + FormatNumber(steps) + " steps with steppercycle " +
+           FormatNumber(stepPerCycle) + " and scantstep " + FormatNumber(scanTStep) +
+           "; at most 1e+09 are allowed, raise scantstep or lower steppercycle");
+}
+
 int Initial::SetSynPhase(Lattice& lattice) {
   FieldMatrix& fieldM = lattice.fieldM;
   if (scanPhase == 0) return 0;
   if (scanPhase == 2) {
-    std::ifstream in(inputFilePath + "scanData.txt");
+    std::ifstream in;
+    if (IsFolder(inputFilePath + "scanData.txt"))
+      errorOut("scanData.txt in the input folder is a folder, not a file");
+    in.open(inputFilePath + "scanData.txt");
     if (!in.is_open()) errorOut("scan phase file read error, check scanData.txt");
     const std::size_t before = fieldM.phase.size();
     ReadScanTable(in, fieldM);
@@ -218,6 +265,7 @@ int Initial::SetSynPhase(Lattice& lattice) {
   SynParticle syn;
   syn.SetUpSynParticle(particleDistributionPath, numOfCharge, atomicMass, inputFilePath, secondaryBeam);
   syn.dimension = 0;
+  CheckScanSteps(lattice, syn, scanTStep / syn.frequency / stepPerCycle);
   std::ofstream(outputFilePath + "scanPhaseData.txt", std::ios::trunc);
   std::ofstream(outputFilePath + "Phase.txt", std::ios::trunc);
   std::ofstream scanLog(outputFilePath + "scanPhaseData.txt", std::ios::app);
@@ -254,7 +302,7 @@ int Initial::SetSynPhase(Lattice& lattice) {
       plainStep();
       continue;
     }
-    if (std::stod(e->parameter.at(5)) == 0.0) {
+    if (DeckReal(e->parameter.at(5)) == 0.0) {
       // Static step: through a curved stretch the particle moves in all
       // three planes and is caught at the rotated plane that closes it.
       zOld = q[4];
@@ -415,6 +463,17 @@ int Initial::SetSynPhase(Lattice& lattice) {
     gOld = q[5];
   }
 
+  // A scan stopped by its step limit would leave the cavities behind that
+  // point unphased and the run would track with the deck's phases.
+  if (!ended && !(q[4] > zLast)) {
+    for (std::size_t i = 0; i < lattice.element.size(); ++i) {
+      const Element* e = lattice.element[i];
+      if (e->type != "field" || DeckReal(e->parameter.at(5)) == 0.0 || !(lattice.zEnd[i] > q[4])) continue;
+      errorOut("The phase scan stops at z = " + FormatNumber(q[4]) + " m when runperiod " + std::to_string(runPeriod) +
+               " periods have passed, before the cavity at " + FormatNumber(lattice.zStart[i]) +
+               " m; raise runperiod");
+    }
+  }
   scanLog << "************************************************end******************************************************"
           << "\n";
   scanLog.close();

@@ -4,29 +4,45 @@
 // values pass through 32-bit floats and the merged table keeps six
 // significant digits of lengths, voltages and apertures and six decimals of
 // the coefficients.
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 
 namespace {
 
-// Every line of a table, its first `columns` tokens narrowed to float. False
-// when the file does not open.
-bool ReadTable(const std::string& path, std::size_t columns, std::vector<std::vector<float>>& rows) {
-  std::ifstream in(path);
+// Every cell line of a table, its first `columns` tokens narrowed to float;
+// blank lines carry no cell. False when the file does not open.
+bool ReadTable(const std::string& folder, const std::string& name, std::size_t columns,
+               std::vector<std::vector<float>>& rows) {
+  if (IsFolder(folder + name)) Initial::errorOut(name + " in the input folder is a folder, not a file");
+  std::ifstream in(folder + name);
   if (!in.is_open()) return false;
   std::string line;
   std::vector<std::string> token;
-  while (in.peek() != EOF) {
-    std::getline(in, line);
+  for (int lineNumber = 1; GetDeckLine(in, line); ++lineNumber) {
     StringSplit(line, token);
+    if (token.empty()) continue;
+    const std::string where = name + " line " + std::to_string(lineNumber) + ": ";
+    if (token.size() < columns)
+      Initial::errorOut(where + "a cell line needs " + std::to_string(columns) + " values, this one holds " +
+                        std::to_string(token.size()));
     std::vector<float> row(columns);
-    for (std::size_t k = 0; k < columns; ++k) row[k] = static_cast<float>(std::stod(token.at(k)));
+    for (std::size_t k = 0; k < columns; ++k) {
+      try {
+        row[k] = static_cast<float>(DeckReal(token[k]));
+      } catch (const DeckValueError& e) {
+        Initial::errorOut(where + e.what() + " in \"" + line + "\"");
+      }
+      if (!std::isfinite(row[k]))
+        Initial::errorOut(where + "\"" + token[k] + "\" is out of range for the table's 32-bit values");
+    }
     rows.push_back(row);
   }
   return true;
@@ -43,11 +59,11 @@ std::string Fixed(float value) {
 void ReadRFQ(std::string& inputFolder, std::string& outputFolder) {
   (void)outputFolder;  // both files belong beside the tables they come from
   std::vector<std::vector<float>> ann, cell;
-  if (!ReadTable(inputFolder + "rfqinputAnn.txt", 13, ann)) std::cout << "RFQ Structure path Ann ERROR!" << std::endl;
-  if (!ReadTable(inputFolder + "rfqinputV.txt", 14, cell)) std::cout << "RFQ Structure path V ERROR!" << std::endl;
-  // Line i of both tables is cell i: a shorter coefficient table would leave
-  // cells without coefficients.
-  if (!ann.empty() && ann.size() != cell.size())
+  if (!ReadTable(inputFolder, "rfqinputAnn.txt", 13, ann)) std::cout << "RFQ Structure path Ann ERROR!" << std::endl;
+  if (!ReadTable(inputFolder, "rfqinputV.txt", 14, cell)) std::cout << "RFQ Structure path V ERROR!" << std::endl;
+  // Line i of both tables is cell i: a shorter coefficient table, an empty
+  // one included, would leave cells without coefficients.
+  if (ann.size() != cell.size())
     Initial::errorOut("rfqinputAnn.txt has " + std::to_string(ann.size()) + " lines but rfqinputV.txt has " +
                       std::to_string(cell.size()) + "; the two RFQ tables must describe the same cells");
 

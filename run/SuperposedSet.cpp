@@ -5,6 +5,8 @@
 #include <iostream>
 
 #include "beamline/Field.h"
+#include "run/DeckReading.h"
+#include "run/DeckValue.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
@@ -12,6 +14,11 @@
 namespace {
 
 constexpr double kPi = 3.141592653589793;
+// Hz: a radio-frequency field below this was given in MHz by mistake.
+constexpr double kLowestRadioFrequency = 1e6;
+// Peak fields no accelerator element reaches: MV/m and T.
+constexpr double kMaxElectricField = 1e4;
+constexpr double kMaxMagneticField = 1e3;
 
 std::string Where(int lineNumber) { return "lattice.txt line " + std::to_string(lineNumber) + ": "; }
 
@@ -30,38 +37,82 @@ void NumberCavity(std::vector<std::string>& token, int& rfIndex) {
 
 }  // namespace
 
+void CheckFieldLine(const std::vector<std::string>& token, int lineNumber, Lattice& lattice) {
+  const std::string where = Where(lineNumber);
+  if (!(DeckReal(token[1]) > 0.0))
+    Initial::errorOut(where + "the length of a field must be a positive number of metres, got " + token[1]);
+  if (!(DeckReal(token[2]) > 0.0))
+    Initial::errorOut(where + "the aperture of a field must be a positive number of metres, got " + token[2]);
+  const int type = DeckInteger(token[4]);
+  if (type < 0 || type > 3)
+    Initial::errorOut(where + "field type " + token[4] +
+                      " is none of 0 (no field), 1 (radio-frequency), 2 (static electric), 3 (static magnetic)");
+  // A frequency other than 0 makes the field a cavity of the phase scan.
+  const double frequency = DeckReal(token[5]);
+  if (type == 1 && !(frequency > 0.0))
+    Initial::errorOut(where + "a radio-frequency field (type 1) needs a frequency above 0 Hz, got " + token[5]);
+  if (type != 1 && frequency != 0.0)
+    Initial::errorOut(where + "a field of type " + token[4] + " is static and takes the frequency 0, got " + token[5]);
+  if (type == 1 && frequency < kLowestRadioFrequency)
+    std::cout << "Warning! " << where << "the frequency " << token[5]
+              << " of this radio-frequency field is below 1 MHz; field lines give it in Hz" << std::endl;
+  DeckReal(token[6]);  // the phase, which the scan reads again
+  const double eScale = DeckReal(token[7]), bScale = DeckReal(token[8]);
+  if (type == 0) return;
+  const int map = lattice.LoadMap(inputFilePath + token[9], type);
+  const FieldMatrix& m = lattice.fieldM;
+  const double electric = type == 3 ? 0.0 : m.peakLow[map] * std::fabs(eScale);
+  const double magnetic = (type == 1 ? m.peakHigh[map] : type == 3 ? m.peakLow[map] : 0.0) * std::fabs(bScale);
+  if (!(electric <= kMaxElectricField))
+    Initial::errorOut(where + "the electric factor " + token[7] + " gives map " + token[9] + " a peak field of " +
+                      FormatNumber(electric) + " MV/m; no accelerator reaches 10000 MV/m");
+  if (!(magnetic <= kMaxMagneticField))
+    Initial::errorOut(where + "the magnetic factor " + token[8] + " gives map " + token[9] + " a peak field of " +
+                      FormatNumber(magnetic) + " T; no magnet reaches 1000 T");
+}
+
+void CheckRfqLine(const std::vector<std::string>& token, int lineNumber) {
+  const std::string where = Where(lineNumber);
+  if (token.size() < 8) Initial::errorOut(where + "an rfq line needs 8 tokens, up to the name of its cell table");
+  deck::WarnExtraTokens(token, 8, lineNumber);
+  if (!(DeckReal(token[1]) > 0.0))
+    Initial::errorOut(where + "the length of an rfq must be a positive number of metres, got " + token[1]);
+  if (!(DeckReal(token[2]) > 0.0))
+    Initial::errorOut(where + "the aperture of an rfq must be a positive number of metres, got " + token[2]);
+  const double frequency = DeckReal(token[5]);
+  if (!(frequency > 0.0)) Initial::errorOut(where + "an rfq needs a frequency above 0 Hz, got " + token[5]);
+  if (frequency < kLowestRadioFrequency)
+    std::cout << "Warning! " << where << "the frequency " << token[5]
+              << " of this rfq is below 1 MHz; rfq lines give it in Hz" << std::endl;
+}
+
 void AddFieldLine(std::vector<std::string> token, int lineNumber, int& rfIndex, Lattice& lattice) {
   if (token.size() < 10) {
     // The element reports the short list itself and ends the run.
     std::cout << Where(lineNumber) << "a field line needs 10 tokens, up to the name of its map" << std::endl;
     Field().SetParameter(static_cast<int>(lattice.element.size()), 0.0, token);
   }
-  const double length = std::stod(token[1]);
-  if (!(std::isfinite(length) && length > 0.0))
-    Initial::errorOut(Where(lineNumber) + "the length of a field must be a positive number of metres, got " +
-                      token[1]);
+  deck::WarnExtraTokens(token, 10, lineNumber);
+  CheckFieldLine(token, lineNumber, lattice);
   token[9] = inputFilePath + token[9];
-  if (std::stod(token[5]) != 0.0) NumberCavity(token, rfIndex);
+  if (DeckReal(token[5]) != 0.0) NumberCavity(token, rfIndex);
   lattice.SetElement(token, new Field());
 }
 
 void SuperposedSet::Begin(const std::vector<std::string>& token, int lineNumber) {
+  const int endLine = consumedEnd;
   *this = SuperposedSet();
+  consumedEnd = endLine;
   firstLine = lineNumber;
-  AddStart(token, lineNumber);
+  AddStart(token);
   state = kAfterSuperpose;
 }
 
-void SuperposedSet::AddStart(const std::vector<std::string>& token, int lineNumber) {
+void SuperposedSet::AddStart(const std::vector<std::string>& token) {
   const std::size_t arguments = token.size() - 1;
   if (arguments != 1 && arguments < 6) Initial::errorOut("Abnormal number of parameters for keyword superpose");
   std::vector<double> six(6, 0.0);
-  for (std::size_t k = 0; k < (arguments == 1 ? 1 : 6); ++k) {
-    six[k] = std::stod(token[1 + k]);
-    if (!std::isfinite(six[k]))
-      Initial::errorOut("lattice.txt line " + std::to_string(lineNumber) + ": superpose needs finite numbers, got " +
-                        token[1 + k]);
-  }
+  for (std::size_t k = 0; k < (arguments == 1 ? 1 : 6); ++k) six[k] = DeckReal(token[1 + k]);
   starts.push_back(six[0]);
   offsets.push_back(six);
 }
@@ -75,19 +126,24 @@ void SuperposedSet::AddErrorRow(const std::vector<std::string>& token, int lineN
   row[0] = 2.0;
   row[1] = token[0].find("_dyn") != std::string::npos ? 1.0 : 0.0;
   row[2] = static_cast<double>(elementCount);
-  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = std::stod(token[k]);
+  for (std::size_t k = 1; k < token.size(); ++k) row[2 + k] = DeckReal(token[k]);
   row[18] = token[0].compare(4, 3, "cav") == 0 ? 1.0 : 0.0;
   row[19] = static_cast<double>(members.size());
   errorRows.insert(errorRows.end(), row.begin(), row.end());
 }
 
-void SuperposedSet::AddMember(const std::vector<std::string>& token, int lineNumber) {
+void SuperposedSet::AddMember(const std::vector<std::string>& token, int lineNumber, Lattice& lattice) {
   const std::string& key = token[0];
   if (IsSetErrorKeyword(key))
     Initial::errorOut(Where(lineNumber) + "only one error line may stand before a member of a set of "
                                           "superimposed fields");
   if (key == "superpose" || key == "superposeout")
     Initial::errorOut(Where(lineNumber) + key + " stands where a set of superimposed fields needs a member line");
+  // The set's element reads field and drift groups; any other line would
+  // leave its member without a field, unseen.
+  if (key != "field" && key != "drift")
+    Initial::errorOut(Where(lineNumber) + "a member of a set of superimposed fields is a field or a drift line, not " +
+                      key);
   if (token.size() < 4)
     Initial::errorOut(Where(lineNumber) + "a member of a set of superimposed fields needs a type, a length, an "
                                           "aperture and a second aperture");
@@ -98,11 +154,15 @@ void SuperposedSet::AddMember(const std::vector<std::string>& token, int lineNum
                                           "this one holds " + std::to_string(token.size()));
   if (key == "field" && token.size() < 10)
     Initial::errorOut(Where(lineNumber) + "a field line needs 10 tokens, up to the name of its map");
-  const double length = std::stod(token[1]);
-  if (!(std::isfinite(length) && length > 0.0))
+  const double length = DeckReal(token[1]);
+  if (!(length > 0.0))
     Initial::errorOut(Where(lineNumber) + "the length of a member of a set of superimposed fields must be a positive "
                                           "number of metres, got " + token[1]);
-  const double aperture = std::stod(token[2]);
+  const double aperture = DeckReal(token[2]);
+  if (!(aperture > 0.0))
+    Initial::errorOut(Where(lineNumber) + "the aperture of a member of a set of superimposed fields must be a "
+                                          "positive number of metres, got " + token[2]);
+  if (key == "field") CheckFieldLine(token, lineNumber, lattice);
   if (aperture < minAperture) minAperture = aperture;
   ends.push_back(length + starts.back());
   members.push_back(token);
@@ -120,31 +180,30 @@ void SuperposedSet::Read(const std::vector<std::string>& token, int lineNumber, 
         state = kAfterErrorLine;
         return;
       }
-      AddMember(token, lineNumber);
+      AddMember(token, lineNumber, lattice);
       state = kAfterMember;
       return;
     case kAfterErrorLine:
-      AddMember(token, lineNumber);
+      AddMember(token, lineNumber, lattice);
       state = kAfterMember;
       return;
     case kAfterMember:
       if (key == "superpose") {
-        AddStart(token, lineNumber);
+        AddStart(token);
         state = kAfterSuperpose;
         return;
       }
       if (key == "superposeout") {
         if (token.size() < 7) Initial::errorOut("Abnormal number of parameters for keyword superposeout");
-        const double a5 = std::stod(token[5]), a6 = std::stod(token[6]);
-        outRecord = {std::stod(token[1]), std::stod(token[2]), std::stod(token[3]),
-                     std::stod(token[4]) * kPi / 180.0, a5 * kPi / 180.0, a6 * kPi / 180.0};
+        const double a5 = DeckReal(token[5]), a6 = DeckReal(token[6]);
+        outRecord = {DeckReal(token[1]), DeckReal(token[2]), DeckReal(token[3]),
+                     DeckReal(token[4]) * kPi / 180.0, a5 * kPi / 180.0, a6 * kPi / 180.0};
         curveFlag = a6 == 0.0 && a5 != 0.0 ? 1 : 2;
-        for (double v : outRecord)
-          if (!std::isfinite(v))
-            Initial::errorOut(Where(lineNumber) + "superposeout needs six finite numbers");
       } else {
-        // Any other line closes a straight set and is used up by it.
+        // Any other line closes a straight set and is used up by it; an end
+        // line so used is named if the lattice then has none.
         curveFlag = 0;
+        if (key == "end") consumedEnd = lineNumber;
       }
       state = kClosed;
       Close(lattice, error, rfIndex);
@@ -189,7 +248,7 @@ void SuperposedSet::Close(Lattice& lattice, ErrorParameter& error, int& rfIndex)
   for (std::size_t i = 0; i < members.size(); ++i) {
     if (members[i][0] != "field") continue;
     members[i][9] = folder + members[i][9];
-    if (std::stod(members[i][5]) != 0.0) radioFrequency.push_back(i);
+    if (DeckReal(members[i][5]) != 0.0) radioFrequency.push_back(i);
   }
   if (radioFrequency.size() > 1)
     Initial::errorOut("Only one RF cavity is allowed to be used in a set of superimposed fields");

@@ -12,6 +12,16 @@
 // `rfIndex` as token 14, and the Field is placed.
 void AddFieldLine(std::vector<std::string> token, int lineNumber, int& rfIndex, Lattice& lattice);
 
+// Refuses what a field line, or a field member of a set, gives that no field
+// can have (a length or aperture of 0 or below, an unknown type, a cavity
+// without frequency or a static field with one, a factor that would give the
+// map an impossible peak), warns of a radio-frequency below 1 MHz, and loads
+// the map on the way.
+void CheckFieldLine(const std::vector<std::string>& token, int lineNumber, Lattice& lattice);
+
+// The same for an rfq line, before its tables are merged.
+void CheckRfqLine(const std::vector<std::string>& token, int lineNumber);
+
 // A set of superimposed fields as the deck gives it: groups of a `superpose`
 // line, an optional element error line and a member line, closed by a
 // `superposeout` line (a curved set) or by any other line, which the set
@@ -27,6 +37,8 @@ class SuperposedSet {
             int& rfIndex);
   // lattice.txt has ended: a set still open is refused.
   void EndOfDeck() const;
+  // The line of an end that closed a set and was used up by it, or 0.
+  int ConsumedEnd() const { return consumedEnd; }
 
  private:
   enum State { kClosed, kAfterSuperpose, kAfterErrorLine, kAfterMember };
@@ -39,10 +51,11 @@ class SuperposedSet {
   std::vector<double> outRecord;  // superposeout: three offsets, three angles (rad)
   std::vector<double> errorRows;  // rows of twenty, the last place naming the member
   int curveFlag = 0;
+  int consumedEnd = 0;
 
-  void AddStart(const std::vector<std::string>& token, int lineNumber);
+  void AddStart(const std::vector<std::string>& token);
   void AddErrorRow(const std::vector<std::string>& token, int lineNumber, int elementCount);
-  void AddMember(const std::vector<std::string>& token, int lineNumber);
+  void AddMember(const std::vector<std::string>& token, int lineNumber, Lattice& lattice);
   void Close(Lattice& lattice, ErrorParameter& error, int& rfIndex);
   // The twenty tokens of member i: its tokens padded to twelve, its start
   // and end, its six offsets.

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -108,8 +110,8 @@ TEST(FieldMapFiles, TextLayoutAndMarkError) {
 }
 
 // A missing file in each form ends the process with its own text (GBK bytes for static binary sets). A set whose
-// files disagree on the mesh, data shorter than the header, a mesh without intervals and a cut binary header stop
-// cleanly with the file named.
+// files disagree on the mesh, data shorter than the header, a mesh without intervals, a cut binary header, a word
+// in the header and a value that is not finite stop cleanly with the file named.
 TEST(FieldMapFilesDeathTest, MissingFilesAndBadSets) {
   TempDir dir;
   const std::string saved = outputFilePath;
@@ -147,6 +149,12 @@ TEST(FieldMapFilesDeathTest, MissingFilesAndBadSets) {
                 "Field map file " + dir.file("flat.bsx") + ": sznum, sxnum and synum must be at least 1, the header "
                 "gives 0 3 1");
   WriteFile(dir.file("words.bsx"), "one 2.0\n3 0 1\n1 0 1\n1\n");
-  ExpectRefusal(dir.file("words"), 3, "Field map file " + dir.file("words.bsx") + ": lines 1 to 3 do not hold the mesh");
+  ExpectRefusal(dir.file("words"), 3, "Field map file " + dir.file("words.bsx") + ": line 1: \"one\" is not a whole number");
+  std::string notFinite = bytes;
+  const float nan = std::nanf("");
+  std::memcpy(&notFinite[60 + 4 * 7], &nan, 4);
+  WriteFile(dir.file("nanb.esx"), notFinite);
+  ExpectRefusal(dir.file("nanb"), 2,
+                "Field map file " + dir.file("nanb.esx") + ": value 8 (at byte 88) is nan, not a finite number");
   outputFilePath = saved;
 }

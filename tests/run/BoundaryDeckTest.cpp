@@ -51,8 +51,6 @@ TEST(BoundaryDeck, SectionsAndClosingLine) {
             "Initialising boundary...\nBoundary loaded, total length: 0.75 m,  Lattice length: 1 m.\n");
   const Decks open("start\ndrift 1 0.1 0\n", &text);
   EXPECT_EQ(open.boundary.geometry.size(), 3u);
-  const std::string none = "1 pipe 1 0.01\n";
-  EXPECT_TRUE(Decks("start\ndrift 1 0.1 0\nend\n", &none).boundary.geometry.empty());
 }
 
 TEST(BoundaryDeckDeathTest, BadLinesStopCleanly) {
@@ -65,4 +63,8 @@ TEST(BoundaryDeckDeathTest, BadLinesStopCleanly) {
   ExpectRefusal("start\n1 pipe 1 0.01 RLP 0 0 0 0 0 0 0\n", "boundary.txt line 2: at most six placement values may follow RLP");
   ExpectRefusal("start\n\n1 pipe -1 0.01\n",
                 "boundary.txt line 3: the length of a section must be a positive number of metres, got -1");
+  ExpectRefusal("start\r\n1 pipe 1 0\r\n", "boundary.txt line 2: the radius of a circular pipe must be a positive "
+                                            "number of metres, got 0");
+  ExpectRefusal("1 pipe 1 0.01\n", "boundary.txt has no start line, so no aperture section was read; boundary 1 "
+                                   "needs them");
 }

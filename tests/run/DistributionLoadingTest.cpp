@@ -211,15 +211,15 @@ TEST(DistributionLoading, BadFilesStopTheRun) {
        "frequency above 0"},
       {"secondarybeam 1\n", "readparticledistribution s.txt\n", "s.txt",
        "0 0 0 0 0 1e7 1 938.272029 1 0 proton\n0 0 0 0 0 1e7 1 938.272029 1 0\n",
-       "s.txt: line 2 holds 10 tokens; a particle line needs 11: x y z vx vy vz charge restenergy count time "
-       "species"},
+       "s.txt line 2: the line holds 10 tokens; a particle line needs 11: x y z vx vy vz charge restenergy count "
+       "time species"},
       {"secondarybeam 1\n", "readparticledistribution s.txt\n", "s.txt", "0 0 0 0 0 1e7 1 938.272029 1 0 p\n\n",
-       "s.txt: line 2 holds 0 tokens; a particle line needs 11: x y z vx vy vz charge restenergy count time "
-       "species"},
+       "s.txt line 2: the line holds 0 tokens; a particle line needs 11: x y z vx vy vz charge restenergy count "
+       "time species"},
       {"secondarybeam 1\n", "readparticledistribution s.txt\n", "s.txt", "0 0 0 0 0 -1e7 1 938.272029 1 0 p\n",
-       "s.txt: line 1 gives a velocity that is not forward in z or not below the speed of light"},
+       "s.txt line 1: the velocity is not forward in z or not below the speed of light"},
       {"secondarybeam 1\n", "readparticledistribution s.txt\n", "s.txt", "0 0 0 0 0 1e7 1 938.272029 1 inf p\n",
-       "s.txt: line 1 holds a number that is not finite"},
+       "s.txt line 1: \"inf\" is not a finite number in \"0 0 0 0 0 1e7 1 938.272029 1 inf p\""},
       {"secondarybeam 1\n", "kneticenergy 0\nreadparticledistribution s.txt\n", "s.txt",
        "0 0 0 0 0 1e7 1 938.272029 1 0 p\n",
        "beam.txt lacks the keyword kneticenergy (or gives 0 or below), which the reference particle of a "

@@ -159,18 +159,18 @@ TEST(FieldLines, CavitySetIsCutAtTheCavity) {
   const Deck first("start\ndrift 0.1 0.02 0\nsuperpose 0\n" + cavity + "superpose 0.1\nfield 0.3 0.03 0 3 0 0 0 1 quad\n"
                    "close\nend\n");
   ExpectNear(first.lattice.zEnd, {0.1, 0.3, 0.5});
-  // Blocks that do not line up keep the map name; the section behind loads the quad as map 0.
+  // Blocks that do not line up keep the map name; each member's map was loaded with its line, the cavity's as 0.
   const Tokens r0 = Join({T("field 0.2 0.02 0 1 352e6 -30 1 2"), {first.dir.file("cav")}, Tokens(2, "invalid"),
                           T("0.000000 0.200000"), Tokens(6, "0.000000")});
   const Tokens m1 = Join({T("field 0.3 0.03 0 3 0 0 0 1"), {first.dir.file("quad")}, Tokens(2, "invalid"),
                           T("0.100000 0.400000 0.100000"), Tokens(5, "0.000000")});
   Tokens m1Loaded = m1;
-  m1Loaded[9] = "0";
+  m1Loaded[9] = "1";
   EXPECT_EQ(first.Of(1), Join({T("field 0.2 0.020000 0 4 352e6 -30 1 2 0 invalid invalid 0 0.2 0", 6), r0, m1}));
   EXPECT_EQ(first.Of(2),
             Join({T("field 0.200000 0.020000 0 4 0 0 0 0 0 invalid invalid 0.200000 0.400000", 6), m1Loaded}));
   EXPECT_TRUE(first.FieldAt(1).subType.empty()) << "twenty-one header tokens: no group lines up";
-  EXPECT_EQ(first.lattice.fieldM.fieldName, Tokens({first.dir.file("quad")}));
+  EXPECT_EQ(first.lattice.fieldM.fieldName, Tokens({first.dir.file("cav"), first.dir.file("quad")}));
   EXPECT_EQ(first.FieldAt(2).subType, std::vector<int>({1}));
 
   // e = E: before and the cavity's section.

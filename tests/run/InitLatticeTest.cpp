@@ -29,8 +29,8 @@ Doubles Padded(Doubles v, std::size_t n, std::size_t at = 0) { v.insert(v.begin(
 template <class V> Doubles AsDoubles(const V& v) { return Doubles(v.begin(), v.end()); }
 }  // namespace
 
-// Before `start` nothing counts; capitals and unknown words are ignored silently; a short element line
-// is reported and still placed; outputplane is absolute before the first element, relative after it.
+// Before `start` nothing counts; capitals and unknown words are ignored, each with a warning naming its line; a
+// short element line is reported and still placed; outputplane is absolute before the first element, relative after.
 TEST(InitLatticeDeck, PlacesElementsEndToEndAndCloses) {
   const Deck d("drift 9 0.1 0\nstart\noutputplane 0.375\ndrift 0.5 0.02 0\nquad\t0.25 0.02 0 12.5 0 0 ! q\n"
                "Drift 1 0.1 0\nwords\n   solenoid 1 0.03 -1 0.5\nstart\nerr_step 3 4\noutputplane 0.25\ndrift 0.5 0.1\n"
@@ -41,9 +41,12 @@ TEST(InitLatticeDeck, PlacesElementsEndToEndAndCloses) {
   EXPECT_EQ(d.lattice.outputPlane, Rows({Plane(3.0)}));
   EXPECT_EQ(std::vector<int>({d.lattice.planeCount, d.error.elementNumber, d.error.errStep[0], d.error.errStep[1]}),
             std::vector<int>({0, 6, 3, 4}));
-  EXPECT_EQ(d.console, "Initialising lattice...\nError! parameter not enough in element : \n\ndrift\t0.5\t0.1\t\n"
+  EXPECT_EQ(d.console, "Initialising lattice...\nlattice.txt line 6: unknown keyword 'Drift' ignored\n"
+                       "lattice.txt line 7: unknown keyword 'words' ignored\n"
+                       "Error! parameter not enough in element : \n\ndrift\t0.5\t0.1\t\n"
                        "lattice.txt line 12: \"drift 0.5 0.1\" has too few values for a drift; the element is left "
-                       "unconfigured\nLattice initialisation complete, total length 3 m\nA total of 3 output planes\n  \n");
+                       "unconfigured\nlattice.txt line 15: unknown keyword 'END' ignored\n"
+                       "Lattice initialisation complete, total length 3 m\nA total of 3 output planes\n  \n");
 }
 
 // Without `start` nothing is built; without `end` the closing work is skipped. automaticoutput fills gaps

@@ -54,5 +54,7 @@ TEST(MainAgent, FailureWithoutOutputFolderStillEndsWithStatusOne) {
   keldtest::WriteFile(dir.file("input.txt"), "foo\n");
   const keldtest::RunResult r = keldtest::RunKeld(dir.path(), dir.file("missing"));
   EXPECT_EQ(r.status, 1) << r.output;
-  EXPECT_NE(r.output.find("\ninput.txt Contains unknown keywords, check input.txt\n"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("\ninput.txt Contains unknown keywords, check input.txt: line 1 holds 'foo'\n"),
+            std::string::npos)
+      << r.output;
 }

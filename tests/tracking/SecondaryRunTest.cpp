@@ -152,21 +152,15 @@ TEST(SecondaryRun, ParticlesOutsideTheApertureAreLostOnce) {
   EXPECT_NEAR(end.begin()->second[4], 1.0 / v, 1e-15);  // s: released at 0, 1 m at v
 }
 
-// An empty text list runs the reference alone; a line that starts with a map element is refused as for a bunch.
-TEST(SecondaryRun, EmptyListAndHardEdgeStart) {
+// A secondary line that starts with a hard-edge element is refused as for a bunch.
+TEST(SecondaryRun, HardEdgeStartIsRefused) {
   TempDir dir;
   const std::string in = dir.subdir("in"), out = dir.subdir("out");
   WriteFile(in + "/input.txt", "spacecharge 0\nsteppercycle 100\nsecondarybeam 1\n");
   WriteFile(in + "/beam.txt", "numofcharge 1\nkneticenergy 3.0\nfrequency 352.2e6\nreadparticledistribution s.txt\n");
-  WriteFile(in + "/s.txt", "");
-  WriteFile(in + "/lattice.txt", "start\ndrift 0.1 0.05 0\nend\n");
-  RunResult r = RunKeld(in, out);
-  ASSERT_EQ(r.status, 0) << r.output;
-  EXPECT_NE(r.output.find("   Number of particles not lost: 0" + std::string(77, ' ') + "\n"), std::string::npos);
-  EXPECT_EQ(ReadFile(out + "/outData_0.100000.txt"), "");
-
+  WriteFile(in + "/s.txt", "0 0 0 0 0 2e7 1 938.272029 1 0 proton\n");
   WriteFile(in + "/lattice.txt", "start\nquad 0.1 0.05 0 5 0 0\ndrift 0.1 0.05 0\nend\n");
-  r = RunKeld(in, out);
+  const RunResult r = RunKeld(in, out);
   EXPECT_EQ(r.status, 2) << r.output;
   EXPECT_NE(r.output.find("Do not allow the first element to be a hard-edged model element; very short drift can be "
                           "added at the beginning\n"),
