@@ -13,6 +13,7 @@
 #include "run/ErrorSample.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
+#include "run/OutputFile.h"
 #include "tracking/MethodMP.h"
 
 std::string inputFilePath = "./inputFile/";
@@ -100,6 +101,7 @@ int sample_slice(int rank, int ranks) {
 int main_agent() {
   std::cout << "The programme is running." << std::endl;
   const auto t0 = std::chrono::system_clock::now();
+  ReportFileSizeLimitAsFailedWrite();
 
   Initial init;
   init.Read();
