@@ -13,6 +13,7 @@
 #include "run/ErrorSample.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
+#include "run/OutputChecks.h"
 #include "run/OutputFile.h"
 #include "tracking/MethodMP.h"
 
@@ -33,11 +34,13 @@ namespace {
 
 // One tracked sample: the bunch, its engine and the run. The bunch array is
 // released here, so that the samples of a study do not pile up in memory.
+// `runs` counts this sample and those of the study still to come after it.
 void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample& sample,
-               std::chrono::system_clock::time_point t0, bool reportInitialisation) {
+               std::chrono::system_clock::time_point t0, bool reportInitialisation, int runs) {
   Beam beam;
   init.InitParticle(beam, sample);
   init.SetSynPhase(lattice);
+  CheckOutputSpace(init, beam, lattice, runs);
   if (reportInitialisation) std::cout << "Initialization time: " << ElapsedSeconds(t0) << " s" << std::endl;
   {
     MethodMP engine;
@@ -107,6 +110,7 @@ int main_agent() {
   init.Read();
   // Nothing is tracked into a folder that cannot take the results.
   init.CheckOutputFolder();
+  CheckFoldersApart();
   ErrorParameter error;
   Lattice lattice;
   Boundary boundary;
@@ -118,7 +122,11 @@ int main_agent() {
   if (flagSum == 0) {
     ErrorSample sample;
     sample.onFlag = error.onFlag;
-    RunSample(init, lattice, boundary, sample, t0, true);
+    // The distribution file is named in beam.txt, which InitParticle reads
+    // again; read here, it is known before the first file is written.
+    init.ReadBeam();
+    CheckDistributionKept(init.particleDistributionPath);
+    RunSample(init, lattice, boundary, sample, t0, true, 1);
     return 0;
   }
 
@@ -142,7 +150,7 @@ int main_agent() {
       std::exit(1);
     }
     outputFilePath = folder + "/";
-    RunSample(init, lattice, boundary, sample, t0, false);
+    RunSample(init, lattice, boundary, sample, t0, false, end - i);
   }
   return 0;
 }
