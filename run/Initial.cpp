@@ -464,7 +464,7 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
     for (int plane = 0; plane < 3; ++plane) twiss[3 * plane] = twiss[3 * plane] / 1e6 / bg;
 
     std::vector<std::vector<double>> rows(N, std::vector<double>(6, 0.0));
-    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    std::srand(BunchSeed());
     auto law = [](const std::string& word) {
       if (word == "KV") return KV2D;
       if (word == "WB") return WB2D;

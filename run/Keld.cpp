@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 
 #include "beam/Beam.h"
@@ -100,6 +101,19 @@ int sample_slice(int rank, int ranks) {
   }
   return 0;
 }
+
+namespace {
+bool seedGiven = false;
+unsigned int seedValue = 0;
+}  // namespace
+
+int random_seed(unsigned int seed) {
+  seedGiven = true;
+  seedValue = seed;
+  return 0;
+}
+
+unsigned int BunchSeed() { return seedGiven ? seedValue : static_cast<unsigned int>(std::time(nullptr)); }
 
 int main_agent() {
   std::cout << "The programme is running." << std::endl;
