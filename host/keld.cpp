@@ -25,7 +25,7 @@ void PrintUsage() {
                "                        ranks the same way\n"
                "  --seed N              seed the bunch generator with N (0 to 4294967295):\n"
                "                        runs with the same seed draw the same bunch bit for\n"
-               "                        bit, and every sample of a study starts from it.\n"
+               "                        bit, and every sample of a study draws from it.\n"
                "                        Without it each bunch is seeded from the clock. The\n"
                "                        error sets of a study are the same with or without.\n"
                "\n"
