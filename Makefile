@@ -28,9 +28,8 @@ run: build
 	@echo "  $(RUN_OUT)/DataSet.txt       statistics, one line per time step"
 	@echo "  $(RUN_OUT)/outData_*.dst     the bunch at each output plane"
 	@echo "  $(RUN_OUT)/synParticle.txt   the reference particle's track"
-	@echo
-	@KELD_PYTHON=$(PYTHON) ./$(BUILD)/keld-plot envelope $(RUN_OUT)
-	@echo "Phase space at each plane: ./$(BUILD)/keld-plot phase-space $(RUN_OUT)"
+	@echo "Figures, with the lattice of $(EXAMPLE) under the plots along z:"
+	@KELD_PYTHON=$(PYTHON) ./$(BUILD)/keld-plot all $(RUN_OUT) --decks $(EXAMPLE)
 
 # The field-map example: writes its quadrupole map with keld-fieldmap, runs it
 # into out/fieldmap/out/ and reports the losses on the pipe.

@@ -1,5 +1,6 @@
 // keld: the small host program. It hands the two folders to the library and
 // runs one simulation.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -8,6 +9,7 @@
 
 #include "host/Arguments.h"
 #include "host/HostRun.h"
+#include "host/RunSummary.h"
 
 namespace {
 
@@ -128,5 +130,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (folders.size() == 2) path(folders[0], folders[1]);
-  return host::RunSimulation();
+  // A study leaves outputFilePath at its last sample: keep the folders first.
+  const std::string input = inputFilePath, output = outputFilePath;
+  const std::vector<int> samplesBefore = host::SampleFolders(output);
+  const auto start = std::chrono::system_clock::now();
+  const int status = host::RunSimulation();
+  if (status == 0) host::PrintRunSummary(input, output, samplesBefore, start);
+  return status;
 }

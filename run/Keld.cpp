@@ -164,6 +164,8 @@ int main_agent() {
       std::exit(1);
     }
     outputFilePath = folder + "/";
+    std::cout << "Sample " << i + 1 << " of " << error.errStep[0] * error.errStep[1] << " (output_" << i << ")"
+              << std::endl;
     RunSample(init, lattice, boundary, sample, t0, false, end - i);
   }
   return 0;

@@ -23,3 +23,4 @@ last=$(tail -n 1 "$out/out/DataSet.txt" | awk '{print $1}')
 alive=$(tail -n 1 "$out/out/DataSet.txt" | awk '{print $29}')
 echo "Mean kinetic energy of the bunch (column 1 of DataSet.txt): $first MeV at the start, $last MeV at the exit;"
 echo "$alive particles alive at the exit. Outputs are in $out/out/"
+"$build/keld-plot" energy "$out/out"

@@ -12,18 +12,15 @@ rm -rf "$out" && mkdir -p "$out/in" "$out/study" "$out/slice"
 cp "$here"/input.txt "$here"/beam.txt "$here"/lattice.txt "$here"/boundary.txt "$out/in/"
 "$build/keld-fieldmap" quad "$out/in/quad" gradient=10 length=0.1 half=0.02 nx=8 ny=8 nz=10 form=text
 "$build/keld" "$out/in/" "$out/study/" > "$out/study.log"
+echo "The study in $out/study/ (its console is in $out/study.log):"
+sed -n '/^Study summary/,$p' "$out/study.log"
 "$build/keld" "$out/in/" "$out/slice/" --samples 2-3 > "$out/slice.log"
 
 echo
-for i in 0 1 2 3; do
-  alive=$(tail -n 1 "$out/study/output_$i/DataSet.txt" | awk '{print $29}')
-  lost=$(wc -l < "$out/study/output_$i/collisionData.txt")
-  echo "sample $i: $alive particles at the exit, $lost lost on the pipe ($out/study/output_$i/)"
-done
 for i in 2 3; do
   cmp -s "$out/study/output_$i/StaticErrorData.txt" "$out/slice/output_$i/StaticErrorData.txt" &&
     cmp -s "$out/study/output_$i/DynamicErrorData.txt" "$out/slice/output_$i/DynamicErrorData.txt" &&
-    echo "sample $i run as a slice: the same error data"
+    echo "output_$i run as a slice: the same error data"
 done
 if [ -x "$build/keld-mpi" ] && command -v mpirun >/dev/null; then
   mkdir -p "$out/ranks"
@@ -36,3 +33,5 @@ if [ -x "$build/keld-mpi" ] && command -v mpirun >/dev/null; then
   done
   echo "the study on 2 MPI ranks: $same of 4 samples with the same error data"
 fi
+echo
+"$build/keld-plot" study "$out/study"

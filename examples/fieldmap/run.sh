@@ -19,3 +19,4 @@ lost=$(wc -l < "$out/out/collisionData.txt")
 echo "Alive particles (column 29 of DataSet.txt): $first at the start, $last at the exit."
 echo "Lost on the pipe wall (lines of collisionData.txt): $lost"
 echo "Outputs are in $out/out/"
+"$build/keld-plot" all "$out/out"

@@ -1,17 +1,18 @@
-#!/bin/sh
+#!/usr/bin/env bash
 # Runs the FODO example without and with the self-field and prints the Twiss
 # parameters of the bunch at every output plane, from the outData_<z>.dst files.
-#   examples/fodo/run.sh [keld binary] [output folder]
-set -e
-here=$(cd "$(dirname "$0")" && pwd)
-keld=${1:-build/keld}
-out=${2:-out/fodo}
+# Usage: examples/fodo/run.sh [build folder, default "build"] [output folder, default "out/fodo"]
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+. "$here/../setup.sh" out/fodo "$@"
+
 for case in off fft; do
   rm -rf "$out/$case" && mkdir -p "$out/$case/in" "$out/$case/out"
   cp "$here/beam.txt" "$here/lattice.txt" "$out/$case/in/"
   cp "$here/input-$case.txt" "$out/$case/in/input.txt"
   echo "== $case"
-  "$keld" "$out/$case/in" "$out/$case/out" | grep -E "Simulated total time"
+  "$build/keld" "$out/$case/in" "$out/$case/out" | grep -E "Simulated total time"
+  "$build/keld-plot" envelope "$out/$case/out"
   python3 - "$out/$case/out" <<'PY'
 import glob, math, struct, sys
 print("%-24s %9s %9s %9s %9s" % ("plane", "beta x", "alpha x", "beta y", "alpha y"))

@@ -1,17 +1,17 @@
-#!/bin/sh
+#!/usr/bin/env bash
 # Runs the space-charge example three times, without the self-field and with
 # each solver, and prints the rms sizes and emittances at the end of the line.
-#   examples/spacecharge/run.sh [keld binary] [output folder]
-set -e
-here=$(cd "$(dirname "$0")" && pwd)
-keld=${1:-build/keld}
-out=${2:-out/spacecharge}
+# Usage: examples/spacecharge/run.sh [build folder, default "build"] [output folder, default "out/spacecharge"]
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+. "$here/../setup.sh" out/spacecharge "$@"
+
 for case in off fft spicnic; do
   rm -rf "$out/$case" && mkdir -p "$out/$case/in" "$out/$case/out"
   cp "$here/beam.txt" "$here/lattice.txt" "$out/$case/in/"
   cp "$here/input-$case.txt" "$out/$case/in/input.txt"
   echo "== $case"
-  "$keld" "$out/$case/in" "$out/$case/out" | grep -E "Simulated total time|Total number of cycles"
+  "$build/keld" "$out/$case/in" "$out/$case/out" | grep -E "Simulated total time|Total number of cycles"
 done
 echo
 echo "At the end of the line (DataSet.txt, last step):"

@@ -8,13 +8,17 @@ Readers return NumPy arrays, or small records with named fields:
 
 A file that is missing, empty, cut short or not in Keld's layout raises
 KeldFileError, whose text names the file and what was expected.
-Figures: `python3 -m keld.plot` (keld-plot); openPMD: `python3 -m keld.openpmd`.
+    summary("out")                               # how the run went, as keld prints it
+
+Figures: keld-plot (keld.plot); openPMD: keld-openpmd (keld.openpmd).
 """
 
 from .binary import (BeamSet, Distribution, Dump, read_beamset, read_dst,
                      write_dst)
 from .errors import KeldFileError
+from .decks import find_decks, read_decks
 from .study import Sample, read_study
+from .summary import summary
 from .textfiles import (DATASET_COLUMNS, Table, read_collisions, read_dataset,
                         read_error_data, read_phase, read_scandata, read_simulation_time,
                         read_se_synparticle, read_single_particle, read_synparticle)
@@ -23,5 +27,5 @@ __all__ = [
     "BeamSet", "Distribution", "Dump", "read_beamset", "read_dst", "write_dst", "KeldFileError", "Sample",
     "read_study", "DATASET_COLUMNS", "Table", "read_collisions", "read_dataset", "read_error_data", "read_phase",
     "read_scandata", "read_se_synparticle", "read_simulation_time", "read_single_particle",
-    "read_synparticle",
+    "read_synparticle", "find_decks", "read_decks", "summary",
 ]

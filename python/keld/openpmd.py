@@ -11,17 +11,36 @@ kept exactly as they stand, so that the import gives the same bytes back:
                              keldMarkers (the three marker bytes)
 
 Beside them stand the records other codes look for, derived from the
-columns: position/z (0, the plane lies in positionOffset/z), momentum, time
-(the phase as a delay), charge (per macro particle), mass and id.
+columns:
+
+    position/z               0: the plane lies at positionOffset/z
+    momentum                 of one real particle, from the kinetic energy
+                             split along the slopes
+    time                     the delay behind the reference particle at the
+                             plane, phase / (2 pi f), in s
+    weighting                real particles per macro particle: the bunch
+                             charge I / f over N times the charge of one
+    charge, mass             of one real particle (charge state times e,
+                             rest energy over c^2)
+    id                       0 to N - 1
+
+so that the sum of weighting times charge is the bunch charge I / f. The
+charge state is not in a distribution file: it comes from the run's beam.txt
+(numofcharge), found beside the file as keld.decks finds decks, or from
+--charge-state; without either it is taken as 1 and the export says so. A
+plane file of a run without space charge holds the current 0: the weighting
+is then 1, and the export says so too. The species also carries the totals
+numParticles, totalCharge and chargeLive (C).
 
 A BeamSet.plt file becomes one iteration per dump, with the coordinates and
-momenta of each particle, the lost mark or crossing flag, and the dump's
-step, kind and z as iteration attributes.
+momenta of each particle, the lost mark or crossing flag, the same weighting,
+charge and mass from its header, and the dump's step, kind and z as
+iteration attributes.
 
 Command line:
 
-    python3 -m keld.openpmd export FILE.dst|BeamSet.plt OUT.h5
-    python3 -m keld.openpmd import IN.h5 OUT.dst [--iteration K]
+    keld-openpmd export FILE.dst|BeamSet.plt OUT.h5 [--charge-state Q] [--decks DIR]
+    keld-openpmd import IN.h5 OUT.dst [--iteration K]
 """
 
 import argparse
@@ -33,6 +52,7 @@ from pathlib import Path
 import numpy as np
 
 from .binary import Distribution, read_beamset, read_dst, write_dst
+from .decks import find_decks, read_decks
 from .errors import KeldFileError
 
 ELEMENTARY_CHARGE = 1.60217653e-19
@@ -114,10 +134,10 @@ def _constant(group, value, n, unit_si):
     return group
 
 
-def _vector(sp, name, dimension, comps, n):
+def _vector(sp, name, dimension, comps, n, weighting_power=0.0):
     """A record of three components; each is (values, unitSI) or a constant
     given as (float, unitSI)."""
-    rec = _record(sp.create_group(name), dimension)
+    rec = _record(sp.create_group(name), dimension, 0, weighting_power)
     for axis, (values, unit_si) in zip("xyz", comps):
         if np.isscalar(values):
             _constant(rec.create_group(axis), values, n, unit_si)
@@ -142,15 +162,55 @@ def _ids(sp, n):
     _record(ds, NONE)
 
 
-def _macro_charge(current_mA, frequency_MHz, n):
-    """Charge of one macro particle in C: the bunch charge over N."""
-    if n == 0 or frequency_MHz == 0.0:
-        return 0.0
-    return current_mA / 1000.0 / (frequency_MHz * 1e6) / n
+class Charge:
+    """What turns macro particles into real ones: the charge state of one
+    real particle and the number of real particles per macro particle."""
+
+    def __init__(self, state, weighting, notes):
+        self.state = state
+        self.weighting = weighting
+        self.notes = notes
 
 
-def export_dst(dist, out, species="beam"):
-    """Writes one distribution as iteration 0 of an openPMD file."""
+def _charge(current_mA, frequency_MHz, n, charge_state, source):
+    """Weighting from the bunch charge I / f, shared by the N macro
+    particles: |I / f| / (N |q| e)."""
+    notes = []
+    if charge_state is None:
+        charge_state = 1.0
+        notes.append(f"{source}: no beam.txt beside it and no --charge-state: charge state 1 assumed")
+    if current_mA is None or current_mA == 0.0 or not frequency_MHz or n == 0:
+        why = "holds no current" if current_mA is None else f"holds the current {current_mA:g} mA"
+        if current_mA == 0.0:
+            why += " (a run without space charge writes 0)"
+        notes.append(f"{source}: {why}: weighting 1, one real particle per macro particle")
+        return Charge(charge_state, 1.0, notes)
+    bunch = abs(current_mA / 1000.0 / (frequency_MHz * 1e6))
+    return Charge(charge_state, bunch / (n * abs(charge_state) * ELEMENTARY_CHARGE), notes)
+
+
+def _particle_records(sp, charge, n, rest_energy):
+    """weighting, charge and mass of one real particle, and the species
+    totals of the beam-physics extension."""
+    _scalar_constant(sp, "weighting", NONE, charge.weighting, n, 1.0, 1, 1.0)
+    _scalar_constant(sp, "charge", CHARGE, charge.state, n, ELEMENTARY_CHARGE, 0, 1.0)
+    if rest_energy is not None:
+        _scalar_constant(sp, "mass", MASS, rest_energy, n, MEV_PER_C2, 0, 1.0)
+    total = n * charge.weighting * charge.state * ELEMENTARY_CHARGE
+    sp.attrs["numParticles"] = np.uint64(n)
+    sp.attrs["totalCharge"] = np.float64(total)
+    sp.attrs["chargeLive"] = np.float64(total)
+    sp.attrs["chargeUnitSI"] = np.float64(1.0)
+
+
+def _species_type(sp, species_type):
+    if species_type:
+        sp.attrs["speciesType"] = _text(species_type)
+
+
+def export_dst(dist, out, species="beam", charge_state=None, species_type=None):
+    """Writes one distribution as iteration 0 of an openPMD file. Returns the
+    notes on what had to be assumed (see the module's text)."""
     h5py = _h5py()
     n = dist.count
     x, xp, y, yp, phase, energy = (dist.particles[:, k] for k in range(6))
@@ -161,6 +221,8 @@ def export_dst(dist, out, species="beam"):
         pz = p / np.sqrt(1.0 + xp * xp + yp * yp)
         px, py = xp * pz, yp * pz
     plane = dist.plane_z or 0.0
+    source = dist.path.name if dist.path is not None else "the distribution"
+    charge = _charge(dist.current, dist.frequency, n, charge_state, source)
     with _create(h5py, out) as f:
         _root(f)
         sp = _iteration(f, 0, 0.0).create_group(f"particles/{species}")
@@ -170,25 +232,31 @@ def export_dst(dist, out, species="beam"):
         sp.attrs["keldFrequency"] = np.float64(dist.frequency)
         sp.attrs["keldRestEnergy"] = np.float64(dist.rest_energy)
         sp.attrs["keldPlaneZ"] = np.float64(plane)
+        _species_type(sp, species_type)
         _vector(sp, "position", LENGTH, [(x, 0.01), (y, 0.01), (0.0, 1.0)], n)
         _vector(sp, "positionOffset", LENGTH, [(0.0, 1.0), (0.0, 1.0), (plane, 1.0)], n)
-        _vector(sp, "momentum", MOMENTUM, [(px, MEV_PER_C), (py, MEV_PER_C), (pz, MEV_PER_C)], n)
+        _vector(sp, "momentum", MOMENTUM, [(px, MEV_PER_C), (py, MEV_PER_C), (pz, MEV_PER_C)], n, 1.0)
         if dist.frequency != 0.0:
+            # The phase is 2 pi f times the delay behind the reference
+            # particle (behind the bunch centre in a generated inData.dst).
             _scalar(sp, "time", TIME, phase / (2.0 * np.pi * dist.frequency * 1e6), 1.0)
         _scalar(sp, "xPrime", NONE, xp, 1.0)
         _scalar(sp, "yPrime", NONE, yp, 1.0)
         _scalar(sp, "phase", NONE, phase, 1.0)
-        _scalar(sp, "kineticEnergy", ENERGY, energy, MEV)
-        _scalar_constant(sp, "charge", CHARGE, _macro_charge(dist.current, dist.frequency, n), n, 1.0, 1, 1.0)
-        _scalar_constant(sp, "mass", MASS, dist.rest_energy, n, MEV_PER_C2, 0, 1.0)
+        _scalar(sp, "kineticEnergy", ENERGY, energy, MEV, 0, 1.0)
+        _particle_records(sp, charge, n, dist.rest_energy)
         _ids(sp, n)
+    return charge.notes
 
 
-def export_beamset(beamset, out, species="beam"):
+def export_beamset(beamset, out, species="beam", charge_state=None, species_type=None):
     """Writes every dump of a BeamSet.plt as one iteration, numbered in file
-    order; the dump's step, kind and z are iteration attributes."""
+    order; the dump's step, kind and z are iteration attributes. Returns the
+    notes on what had to be assumed."""
     h5py = _h5py()
     n = beamset.count
+    source = beamset.path.name if beamset.path is not None else "the dumps"
+    charge = _charge(beamset.current, beamset.frequency, n, charge_state, source)
     with _create(h5py, out) as f:
         _root(f)
         for k, dump in enumerate(beamset.dumps):
@@ -198,6 +266,7 @@ def export_beamset(beamset, out, species="beam"):
             it.attrs["keldZ"] = np.float64(dump.z)
             sp = it.create_group(f"particles/{species}")
             sp.attrs["keldSource"] = _text("BeamSet.plt")
+            _species_type(sp, species_type)
             q = dump.coordinates
             if dump.kind == 0:
                 # Time code: one common time, positions relative to the
@@ -212,16 +281,26 @@ def export_beamset(beamset, out, species="beam"):
             _vector(sp, "positionOffset", LENGTH, [(0.0, 1.0), (0.0, 1.0), (dump.z, 1.0)], n)
             if beamset.rest_energy is not None:
                 mc = beamset.rest_energy * MEV_PER_C
-                _vector(sp, "momentum", MOMENTUM, [(q[:, 1], mc), (q[:, 3], mc), (q[:, 5], mc)], n)
-                _scalar_constant(sp, "mass", MASS, beamset.rest_energy, n, MEV_PER_C2, 0, 1.0)
-                _scalar_constant(sp, "charge", CHARGE, _macro_charge(beamset.current, beamset.frequency, n), n,
-                                 1.0, 1, 1.0)
+                _vector(sp, "momentum", MOMENTUM, [(q[:, 1], mc), (q[:, 3], mc), (q[:, 5], mc)], n, 1.0)
             else:
                 _vector(sp, "gammaBeta", NONE, [(q[:, 1], 1.0), (q[:, 3], 1.0), (q[:, 5], 1.0)], n)
+            _particle_records(sp, charge, n, beamset.rest_energy)
             status = sp.create_dataset("lost" if dump.kind == 0 else "crossingFlag", data=dump.status)
             status.attrs["unitSI"] = np.float64(1.0)
             _record(status, NONE)
             _ids(sp, n)
+    return charge.notes
+
+
+def run_charge(source, decks=None):
+    """Charge state and species of the run that wrote `source`, from the
+    beam.txt in `decks` or in the decks found beside the file; (None, None)
+    when there is none."""
+    folder = decks if decks is not None else find_decks(Path(source).resolve().parent)
+    if folder is None or not (Path(folder) / "beam.txt").is_file():
+        return None, None
+    found = read_decks(folder)
+    return found.charge_state, found.species
 
 
 def _values(obj):
@@ -290,6 +369,9 @@ def main(argv=None):
     exp.add_argument("source")
     exp.add_argument("target")
     exp.add_argument("--species", default="beam")
+    exp.add_argument("--charge-state", type=float, help="charge state of one particle (default: numofcharge of the "
+                     "run's beam.txt)")
+    exp.add_argument("--decks", help="the run's input folder (default: looked for beside the file)")
     imp = sub.add_parser("import", help="write an openPMD file that came from a .dst back as .dst")
     imp.add_argument("source")
     imp.add_argument("target")
@@ -298,10 +380,13 @@ def main(argv=None):
     args = parser.parse_args(argv)
     try:
         if args.command == "export":
-            if Path(args.source).suffix == ".plt":
-                export_beamset(read_beamset(args.source), args.target, args.species)
-            else:
-                export_dst(read_dst(args.source), args.target, args.species)
+            state, kind = run_charge(args.source, args.decks)
+            if args.charge_state is not None:
+                state = args.charge_state
+            export = export_beamset if Path(args.source).suffix == ".plt" else export_dst
+            read = read_beamset if Path(args.source).suffix == ".plt" else read_dst
+            for note in export(read(args.source), args.target, args.species, state, kind):
+                print(note)
         else:
             write_dst(import_dst(args.source, args.iteration, args.species), args.target)
     except KeldFileError as e:

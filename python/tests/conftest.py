@@ -1,7 +1,8 @@
 """One tiny real run of keld for the whole test session: 300 protons of 3 MeV
 through 0.3 m of drift, a horizontal steerer and 0.2 m more, with three
-output planes and a dump every 50 steps. The keld binary comes from
-KELD_BINARY (set by the Makefile), else build/keld."""
+output planes and a dump every 50 steps. The decks lie in `in/` beside the
+output folder `out/`, where the package finds them by itself. The keld
+binary comes from KELD_BINARY (set by the Makefile), else build/keld."""
 
 import os
 import subprocess
@@ -41,10 +42,12 @@ DECKS = {
 
 
 class Run:
-    """The output folder of the session's run and its console text."""
+    """The output folder of the session's run, its decks folder and its
+    console text."""
 
-    def __init__(self, folder, console):
+    def __init__(self, folder, decks, console):
         self.folder = folder
+        self.decks = decks
         self.console = console
 
     def file(self, name):
@@ -56,14 +59,14 @@ def run_decks(tmp_path_factory, decks):
     if not binary.exists():
         pytest.fail(f"{binary}: no keld binary; build it first (make build) or set KELD_BINARY")
     base = tmp_path_factory.mktemp("keld_run")
-    into, out = base / "decks", base / "out"
+    into, out = base / "in", base / "out"
     into.mkdir()
     out.mkdir()
     for name, text in decks.items():
         (into / name).write_text(text)
     done = subprocess.run([str(binary), str(into), str(out)], capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stdout + done.stderr
-    return Run(out, done.stdout)
+    return Run(out, into, done.stdout)
 
 
 @pytest.fixture(scope="session")
@@ -73,9 +76,10 @@ def run(tmp_path_factory):
 
 @pytest.fixture(scope="session")
 def lossy_run(tmp_path_factory):
-    """The same bunch through a 1.5 mm pipe for the first 0.3 m, then a 2 cm
-    one: about half the particles are lost on the aperture list."""
+    """The same bunch with its self-field (a coarse mesh: the run is about
+    files, not physics) through a 1.5 mm pipe for the first 0.3 m, then a 2
+    cm one: about half the particles are lost on the aperture list."""
     decks = dict(DECKS)
-    decks["input.txt"] = "spacecharge 0\nsteppercycle 20\nboundary 1\n"
+    decks["input.txt"] = "spacecharge 1\nnumofgrid 16 16 16\nsteppercycle 20\nboundary 1\n"
     decks["boundary.txt"] = "start\n1 narrow 0.3 0.0015\n1 wide 0.25 0.02\nend\n"
     return run_decks(tmp_path_factory, decks)

@@ -129,6 +129,19 @@ TEST(ErrorSampling, StudyByRangeAndByRanksWritesTheSameSamples) {
     }
   }
   EXPECT_NE(ReadFile(whole + "/output_0/DynamicErrorData.txt"), ReadFile(whole + "/output_3/DynamicErrorData.txt"));
+  // Each sample says when it starts; the closing summary has one line per sample that this process ran.
+  for (const char* piece : {"\nSample 1 of 4 (output_0)\n", "\nSample 4 of 4 (output_3)\n", "\nStudy summary: 4 samples\n",
+                            "\n  sample 1 (output_0): 100 of 100 out (100 %), emittance x, y, z ",
+                            "\n  transmission: mean 100 %, rms spread 0 %, from 100 to 100 %\n  exit emittance x: mean "})
+    EXPECT_NE(all.output.find(piece), std::string::npos) << piece << all.output;
+  EXPECT_EQ(some.output.find("Sample 2 of 4"), std::string::npos) << some.output;
+  EXPECT_EQ(some.output.find("(output_1)"), std::string::npos) << some.output;
+  for (const char* piece : {"\nSample 3 of 4 (output_2)\n", "\nStudy summary: 2 samples\n  sample 3 (output_2): "})
+    EXPECT_NE(some.output.find(piece), std::string::npos) << piece << some.output;
+  // The next slice into the same folder sums up its own samples, not those the earlier slice left there.
+  const RunResult rest = RunKeld(in, part + "' --samples '0-1");
+  ASSERT_EQ(rest.status, 0) << rest.output;
+  EXPECT_NE(rest.output.find("\nStudy summary: 2 samples\n  sample 1 (output_0): "), std::string::npos) << rest.output;
   const RunResult beyond = RunKeld(in, part + "' --samples '3-4");
   EXPECT_EQ(beyond.status, 1);
   EXPECT_NE(beyond.output.find("\nSamples 3-4 were asked for, but the study has 4 samples (0-3)\n"),

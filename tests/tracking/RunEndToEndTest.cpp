@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <regex>
 #include <string>
 #include <vector>
@@ -58,6 +59,44 @@ TEST(RunEndToEnd, DriftSteererDriftKeepsBeamAndKicksEveryParticle) {
     ASSERT_NEAR(W, (std::sqrt(1.0 + gbx * gbx + gby * gby + gbz * gbz) - 1.0) * rest, 1e-10 * W) << "particle " << i;
   }
   EXPECT_NEAR(last[2] - first[2], -kick, 1e-4 * kick);  // the mean gamma beta x of DataSet.txt
+  EXPECT_NE(r.output.find("\nRun summary:\n  particles: 2000 in, 2000 out at z = "), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("\n  lost: 0, of them 0 on the pipes of boundary.txt (collisionData.txt)\n  mean kinetic "),
+            std::string::npos);
+}
+
+// The summary that keld prints at the end reads the files of the run: particles in from inData.dst, out from the
+// last line of DataSet.txt, whose numbers it repeats; a 1.5 mm drift loses particles without a line in
+// collisionData.txt, so they count as lost at element apertures.
+TEST(RunEndToEnd, SummaryRepeatsTheRunsFiles) {
+  TempDir dir;
+  const std::string out = dir.subdir("out");
+  const RunResult r = RunDeck(dir, out, 400, "drift 0.2 0.0015 0\n");
+  ASSERT_EQ(r.status, 0) << r.output;
+  const std::vector<std::string> lines = ReadLines(out + "/DataSet.txt");
+  const std::vector<double> first = Numbers(lines.front()), last = Numbers(lines.back());
+  const int alive = static_cast<int>(last[28]);
+  ASSERT_LT(alive, 390);
+  auto g = [](double v) {
+    char b[64];
+    std::snprintf(b, sizeof b, "%.6g", v);
+    return std::string(b);
+  };
+  auto growth = [&](int c) {
+    char b[64];
+    std::snprintf(b, sizeof b, "%+.3g", (last[c] / first[c] - 1.0) * 100.0);
+    return std::string(b);
+  };
+  const std::string expected =
+      "\nRun summary:\n  particles: 400 in, " + std::to_string(alive) + " out at z = " + g(last[33]) +
+      " m, transmission " + g(100.0 * alive / 400) + " %\n  lost: " + std::to_string(400 - alive) +
+      ", of them 0 on the pipes of boundary.txt (collisionData.txt)\n  lost at element apertures (no line in "
+      "collisionData.txt): " + std::to_string(400 - alive) + "\n  mean kinetic energy: " + g(last[0]) +
+      " MeV\n  rms size x, y, z: " + g(last[16] * 1e3) + ", " + g(last[18] * 1e3) + ", " + g(last[20] * 1e3) +
+      " mm\n  normalised rms emittance x, y, z: " + g(last[13] * 1e6) + ", " + g(last[14] * 1e6) + ", " +
+      g(last[15] * 1e6) + " mm mrad\n  emittance growth x, y, z: " + growth(13) + ", " + growth(14) + ", " +
+      growth(15) + " %\n  tracking time: ";
+  EXPECT_NE(r.output.find(expected), std::string::npos) << r.output << "\nexpected:" << expected;
+  EXPECT_TRUE(std::regex_search(r.output, std::regex(" s\nWall time: [0-9.e+-]+ s\n$"))) << r.output;
 }
 
 // Status 2, the message on the console, one more stamped line in ErrorLog.txt (never emptied). Stops 1 mm apart
