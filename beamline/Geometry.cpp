@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include "run/DeckValue.h"
 #include "run/HelperFunc.h"
+#include "run/OutputFile.h"
 
 void Geometry::SetParameter(int sectionIndex, double start, std::vector<std::string> const& token) {
   parameter = token;
@@ -61,11 +63,12 @@ int Geometry::Boundary(double time, double timeStep, Particle& particle, const s
   for (int k = 0; k < 6; ++k) at[k] = q[k] + f * (c[k] - q[k]);
   const double crossingTime = time - (1.0 - f) * timeStep;
 
-  std::ofstream out(outputPath + "collisionData.txt", std::ios::app);
+  std::ostringstream out;
   const double light = 299792458.0;
   out << at[0] << " " << at[2] << "  " << at[4] << "  " << at[1] * light << "  " << at[3] * light << "  "
       << at[5] * light << "  " << particle.charge / 1.60217653e-19 << "  " << particle.restEnergy << "  "
       << particle.multiplicity << "  " << crossingTime << "  " << particle.name << "\n";
+  AppendOutput(outputPath + "collisionData.txt", out.str(), WriteStage::kTracking);
   particle.lost = 1;
   return 0;
 }

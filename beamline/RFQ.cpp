@@ -8,6 +8,7 @@
 
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 
 namespace {
 
@@ -225,7 +226,8 @@ void RFQ::GetField(double t, SynParticle& particle, FieldMatrix const&) {
   std::cout << "RFQ exit time " << t << "  energy " << kinetic() << std::endl;
   if (q[1] == 1.0) return;
   q[0] = t;
-  std::ofstream out(outputFilePath + "RFQsynPhaseEG.txt", std::ios::trunc);
+  std::ostringstream out;
   out << std::fixed << std::setprecision(10);
   for (std::size_t i = 0; i < phases.size(); ++i) out << phases[i] << "   " << energies[i] << "\n";
+  WriteOutput(outputFilePath + "RFQsynPhaseEG.txt", out.str(), WriteStage::kSetUp);
 }

@@ -7,20 +7,29 @@
 #include <string>
 #include <vector>
 
+#include "host/Arguments.h"
 #include "host/HostRun.h"
 #include "host/RunSummary.h"
 
 namespace {
 
 void PrintUsage() {
-  std::cout << "Usage: keld [INPUT_DIR OUTPUT_DIR [--samples FIRST-LAST]]\n"
+  std::cout << "Usage: keld [INPUT_DIR OUTPUT_DIR] [--samples FIRST-LAST] [--seed N]\n"
                "\n"
                "Runs one Keld simulation from the decks in INPUT_DIR and writes its results\n"
-               "to OUTPUT_DIR (which must exist). Without arguments the library's default\n"
-               "folders ./inputFile/ and ./outputFile/ are used. For an error study,\n"
-               "--samples runs only the samples FIRST to LAST (from 0), each in its\n"
-               "OUTPUT_DIR/output_<i> as the whole study would; keld-mpi spreads a study\n"
-               "over MPI ranks the same way.\n"
+               "to OUTPUT_DIR (which must exist and must not be INPUT_DIR). Without folders\n"
+               "the library's default folders ./inputFile/ and ./outputFile/ are used.\n"
+               "\n"
+               "Options:\n"
+               "  --samples FIRST-LAST  for an error study, run only the samples FIRST to LAST\n"
+               "                        (from 0), each in its OUTPUT_DIR/output_<i> as the\n"
+               "                        whole study would; keld-mpi spreads a study over MPI\n"
+               "                        ranks the same way\n"
+               "  --seed N              seed the bunch generator with N (0 to 4294967295):\n"
+               "                        runs with the same seed draw the same bunch bit for\n"
+               "                        bit, and every sample of a study draws from it.\n"
+               "                        Without it each bunch is seeded from the clock. The\n"
+               "                        error sets of a study are the same with or without.\n"
                "\n"
                "Decks read from INPUT_DIR:\n"
                "  input.txt     run settings (time steps, space charge, threads, outputs)\n"
@@ -57,15 +66,22 @@ void PrintUsage() {
                "  output_<i>/             one folder per sample of an error study, each with\n"
                "                          StaticErrorData.txt and DynamicErrorData.txt\n"
                "\n"
-               "Exit status: 0 on success, 1 for a failure while reading the decks\n"
-               "(a value that is no number included), 2 for a failure during tracking.\n";
+               "Exit status: 0 on success, 1 for refused arguments or a failure while\n"
+               "setting up (a deck value, a file that cannot be written, outputs larger\n"
+               "than the free space of OUTPUT_DIR), 2 for a failure during tracking, a\n"
+               "failed write included.\n";
 }
 
-// "FIRST-LAST" into two sample numbers.
-bool ParseRange(const char* text, int& first, int& last) {
-  char dash = 0, rest = 0;
-  return std::sscanf(text, "%d%c%d%c", &first, &dash, &last, &rest) == 3 && dash == '-' && first >= 0 &&
-         last >= first;
+// "FIRST-LAST" into two sample numbers from 0 to the largest int.
+bool ParseRange(const std::string& text, int& first, int& last) {
+  const std::size_t dash = text.find('-');
+  unsigned long long a = 0, b = 0;
+  if (dash == std::string::npos || !host::ParseWhole(text.substr(0, dash), 2147483647ULL, a) ||
+      !host::ParseWhole(text.substr(dash + 1), 2147483647ULL, b) || a > b)
+    return false;
+  first = static_cast<int>(a);
+  last = static_cast<int>(b);
+  return true;
 }
 
 }  // namespace
@@ -75,21 +91,45 @@ int main(int argc, char** argv) {
     PrintUsage();
     return 0;
   }
-  const bool withSamples = argc == 5 && std::strcmp(argv[3], "--samples") == 0;
-  if (argc != 1 && argc != 3 && !withSamples) {
-    PrintUsage();
-    return 64;
-  }
-  if (withSamples) {
+  // Two folders or none, then the options in any order; every refusal ends
+  // with status 1 before the library is called.
+  std::vector<const char*> folders;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg != "--samples" && arg != "--seed") {
+      if (arg.rfind("--", 0) == 0 || folders.size() == 2) {
+        std::cout << "keld: unexpected argument " << arg << "\n\n";
+        PrintUsage();
+        return 1;
+      }
+      folders.push_back(argv[i]);
+      continue;
+    }
+    if (i + 1 == argc) {
+      std::cout << arg << " wants a value" << std::endl;
+      return 1;
+    }
+    const std::string value = argv[++i];
+    if (arg == "--seed") {
+      unsigned int seed = 0;
+      if (!host::ParseSeed(value, seed)) return 1;
+      random_seed(seed);
+      continue;
+    }
     int first = 0, last = 0;
-    if (!ParseRange(argv[4], first, last)) {
-      std::cout << "--samples wants FIRST-LAST, two sample numbers from 0 with FIRST <= LAST, got " << argv[4]
-                << std::endl;
-      return 64;
+    if (!ParseRange(value, first, last)) {
+      std::cout << "--samples wants FIRST-LAST, two sample numbers from 0 to 2147483647 with FIRST <= LAST, got "
+                << value << std::endl;
+      return 1;
     }
     sample_range(first, last);
   }
-  if (argc >= 3) path(argv[1], argv[2]);
+  if (folders.size() == 1) {
+    std::cout << "keld: an output folder is needed beside the input folder " << folders[0] << "\n\n";
+    PrintUsage();
+    return 1;
+  }
+  if (folders.size() == 2) path(folders[0], folders[1]);
   // A study leaves outputFilePath at its last sample: keep the folders first.
   const std::string input = inputFilePath, output = outputFilePath;
   const std::vector<int> samplesBefore = host::SampleFolders(output);

@@ -20,6 +20,7 @@
 #include "run/DeckReading.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 #include "tracking/MethodMP.h"
 
 using namespace constants;
@@ -506,7 +507,7 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
     for (int plane = 0; plane < 3; ++plane) twiss[3 * plane] = twiss[3 * plane] / 1e6 / bg;
 
     std::vector<std::vector<double>> rows(N, std::vector<double>(6, 0.0));
-    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    std::srand(BunchSeed());
     auto law = [](const std::string& word) {
       if (word == "KV") return KV2D;
       if (word == "WB") return WB2D;
@@ -627,20 +628,20 @@ double Initial::ToCommonTime(Beam& beam, Particle& p) const {
 }
 
 void Initial::WriteDistribution(const Beam& beam, const std::string& name) const {
-  std::ofstream out(outputFilePath + name, std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) errorOut("Insufficient permissions to write file: " + name);
   const int N = beam.particleNumber;
   const char head[2] = {125, 100};
   const char mark = 125;
   const double currentmA = 1000.0 * current;
   const double frequencyMHz = beam.frequency / 1e6;
-  out.write(head, 2);
-  out.write(reinterpret_cast<const char*>(&N), sizeof N);
-  out.write(reinterpret_cast<const char*>(&currentmA), sizeof currentmA);
-  out.write(reinterpret_cast<const char*>(&frequencyMHz), sizeof frequencyMHz);
-  out.write(&mark, 1);
-  for (int i = 0; i < N; ++i) out.write(reinterpret_cast<const char*>(beam.particle[i].coordinate), 6 * sizeof(double));
-  out.write(reinterpret_cast<const char*>(&particleRestMass), sizeof particleRestMass);
+  std::string bytes(head, 2);
+  auto put = [&bytes](const void* p, std::size_t n) { bytes.append(static_cast<const char*>(p), n); };
+  put(&N, sizeof N);
+  put(&currentmA, sizeof currentmA);
+  put(&frequencyMHz, sizeof frequencyMHz);
+  put(&mark, 1);
+  for (int i = 0; i < N; ++i) put(beam.particle[i].coordinate, 6 * sizeof(double));
+  put(&particleRestMass, sizeof particleRestMass);
+  WriteOutput(outputFilePath + name, bytes, WriteStage::kSetUp, "Insufficient permissions to write file: " + name);
 }
 
 void Initial::MakeSingleParticle(Beam& beam, double betaGamma, double macro) {
@@ -666,10 +667,11 @@ void Initial::MakeSingleParticle(Beam& beam, double betaGamma, double macro) {
   beam.zMin = displacePos[2];
   beam.zMax = displacePos[2];
 
-  std::ofstream out(outputFilePath + "SingleParticle.txt", std::ios::trunc);
+  std::ostringstream out;
   out << "dx:" << q[0] * 1000.0 << "mm  dy:" << q[2] * 1000.0 << "mm  dz:" << q[4] * 1000.0 << "mm\n";
   out << "dpx:" << 1000.0 * q[1] / q[5] << "mrad  dpy:" << 1000.0 * q[3] / q[5] << "mrad  dpz:" << "--\n";
   out << "Energy:" << kineticEnergy << "MeV\n";
+  WriteOutput(outputFilePath + "SingleParticle.txt", out.str(), WriteStage::kSetUp);
 }
 
 int Initial::InitMethodMP(MethodMP& engine) {

@@ -15,6 +15,7 @@
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 
 using namespace constants;
 
@@ -117,16 +118,18 @@ void Initial::ApplyLoadedBeamErrors(LoadedDistribution& file, const std::vector<
   }
 }
 
+// Returns true: a file that cannot be written whole ends the run.
 bool Initial::WriteLoadedDistribution(const LoadedDistribution& file) const {
-  std::ofstream out(outputFilePath + "inData.dst", std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) return false;
-  out.write(&file.head[0], 2);
-  out.write(reinterpret_cast<const char*>(&file.count), sizeof file.count);
-  out.write(reinterpret_cast<const char*>(&file.currentmA), sizeof file.currentmA);
-  out.write(reinterpret_cast<const char*>(&file.frequencyMHz), sizeof file.frequencyMHz);
-  out.write(&file.head[2], 1);
-  for (const std::vector<double>& q : file.rows) out.write(reinterpret_cast<const char*>(q.data()), 6 * sizeof(double));
-  out.write(reinterpret_cast<const char*>(&file.restEnergy), sizeof file.restEnergy);
+  std::string bytes(file.head, 2);
+  auto put = [&bytes](const void* p, std::size_t n) { bytes.append(static_cast<const char*>(p), n); };
+  put(&file.count, sizeof file.count);
+  put(&file.currentmA, sizeof file.currentmA);
+  put(&file.frequencyMHz, sizeof file.frequencyMHz);
+  put(&file.head[2], 1);
+  for (const std::vector<double>& q : file.rows) put(q.data(), 6 * sizeof(double));
+  put(&file.restEnergy, sizeof file.restEnergy);
+  WriteOutput(outputFilePath + "inData.dst", bytes, WriteStage::kSetUp,
+              "Insufficient permissions to write file: inData.dst");
   return true;
 }
 

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -19,6 +21,7 @@
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 
 namespace {
 
@@ -266,10 +269,8 @@ int Initial::SetSynPhase(Lattice& lattice) {
   syn.SetUpSynParticle(particleDistributionPath, numOfCharge, atomicMass, inputFilePath, secondaryBeam);
   syn.dimension = 0;
   CheckScanSteps(lattice, syn, scanTStep / syn.frequency / stepPerCycle);
-  std::ofstream(outputFilePath + "scanPhaseData.txt", std::ios::trunc);
-  std::ofstream(outputFilePath + "Phase.txt", std::ios::trunc);
-  std::ofstream scanLog(outputFilePath + "scanPhaseData.txt", std::ios::app);
-  std::ofstream phaseLog(outputFilePath + "Phase.txt", std::ios::app);
+  OutputText scanLog(outputFilePath + "scanPhaseData.txt", WriteStage::kSetUp);
+  OutputText phaseLog(outputFilePath + "Phase.txt", WriteStage::kSetUp);
   scanLog << std::fixed << std::setprecision(10);
   phaseLog << std::fixed << std::setprecision(13);
 
@@ -484,13 +485,13 @@ int Initial::SetSynPhase(Lattice& lattice) {
     // a study spread over processes, which all write the same table into the
     // same input folder, never read one half-written.
     const std::string name = folder + "scanData.txt", part = name + "." + std::to_string(getpid());
-    {
-      std::ofstream out(part, std::ios::trunc);
-      for (std::size_t k = 0; k < syn.phaseList.size(); ++k)
-        out << std::fixed << std::setprecision(10) << syn.phaseList[k] << "   " << std::setprecision(20)
-            << syn.timeList[k] << "\n";
-    }
-    std::rename(part.c_str(), name.c_str());
+    std::ostringstream out;
+    for (std::size_t k = 0; k < syn.phaseList.size(); ++k)
+      out << std::fixed << std::setprecision(10) << syn.phaseList[k] << "   " << std::setprecision(20)
+          << syn.timeList[k] << "\n";
+    WriteOutput(part, out.str(), WriteStage::kSetUp);
+    if (std::rename(part.c_str(), name.c_str()) != 0)
+      errorOut("The phase table " + part + " cannot be renamed to " + name + ": " + std::strerror(errno));
   }
   std::cout << "Scan phase data saved, ready to start multi-particle operation" << std::endl;
   std::ifstream back(inputFilePath + "scanData.txt");

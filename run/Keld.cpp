@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <iostream>
 
 #include "beam/Beam.h"
@@ -13,6 +14,8 @@
 #include "run/ErrorSample.h"
 #include "run/HelperFunc.h"
 #include "run/Initial.h"
+#include "run/OutputChecks.h"
+#include "run/OutputFile.h"
 #include "tracking/MethodMP.h"
 
 std::string inputFilePath = "./inputFile/";
@@ -32,11 +35,13 @@ namespace {
 
 // One tracked sample: the bunch, its engine and the run. The bunch array is
 // released here, so that the samples of a study do not pile up in memory.
+// `runs` counts this sample and those of the study still to come after it.
 void RunSample(Initial& init, Lattice& lattice, Boundary& boundary, ErrorSample& sample,
-               std::chrono::system_clock::time_point t0, bool reportInitialisation) {
+               std::chrono::system_clock::time_point t0, bool reportInitialisation, int runs) {
   Beam beam;
   init.InitParticle(beam, sample);
   init.SetSynPhase(lattice);
+  CheckOutputSpace(init, beam, lattice, runs);
   if (reportInitialisation) std::cout << "Initialization time: " << ElapsedSeconds(t0) << " s" << std::endl;
   {
     MethodMP engine;
@@ -97,14 +102,29 @@ int sample_slice(int rank, int ranks) {
   return 0;
 }
 
+namespace {
+bool seedGiven = false;
+unsigned int seedValue = 0;
+}  // namespace
+
+int random_seed(unsigned int seed) {
+  seedGiven = true;
+  seedValue = seed;
+  return 0;
+}
+
+unsigned int BunchSeed() { return seedGiven ? seedValue : static_cast<unsigned int>(std::time(nullptr)); }
+
 int main_agent() {
   std::cout << "The programme is running." << std::endl;
   const auto t0 = std::chrono::system_clock::now();
+  ReportFileSizeLimitAsFailedWrite();
 
   Initial init;
   init.Read();
   // Nothing is tracked into a folder that cannot take the results.
   init.CheckOutputFolder();
+  CheckFoldersApart();
   ErrorParameter error;
   Lattice lattice;
   Boundary boundary;
@@ -116,7 +136,11 @@ int main_agent() {
   if (flagSum == 0) {
     ErrorSample sample;
     sample.onFlag = error.onFlag;
-    RunSample(init, lattice, boundary, sample, t0, true);
+    // The distribution file is named in beam.txt, which InitParticle reads
+    // again; read here, it is known before the first file is written.
+    init.ReadBeam();
+    CheckDistributionKept(init.particleDistributionPath);
+    RunSample(init, lattice, boundary, sample, t0, true, 1);
     return 0;
   }
 
@@ -142,7 +166,7 @@ int main_agent() {
     outputFilePath = folder + "/";
     std::cout << "Sample " << i + 1 << " of " << error.errStep[0] * error.errStep[1] << " (output_" << i << ")"
               << std::endl;
-    RunSample(init, lattice, boundary, sample, t0, false);
+    RunSample(init, lattice, boundary, sample, t0, false, end - i);
   }
   return 0;
 }

@@ -21,4 +21,14 @@ int main_agent();
 // results go to output_<i> as in a whole study. Both return 0.
 int sample_range(int first, int last);
 int sample_slice(int rank, int ranks);
+
+// Seeds the random generator with `seed` for every bunch that main_agent
+// generates from now on, so that runs repeat bit for bit; without a call each
+// bunch is seeded from the clock. The error sets of a study do not depend on
+// it: they are drawn before any seed, the same in every process. Returns 0.
+int random_seed(unsigned int seed);
 }
+
+// The seed of a bunch about to be generated: the one random_seed set, or the
+// clock.
+unsigned int BunchSeed();

@@ -14,6 +14,7 @@
 #include "beam/PhysicalConstants.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 #include "tracking/SectionPlan.h"
 
 namespace {
@@ -103,13 +104,11 @@ void MethodMP::BeginRun(Lattice& lattice, Beam& beam, ErrorSample& sample, std::
   std::cout << "The total distance simulated is " << lattice.zEnd.back() << " (m)" << std::endl;
   std::cout << "Start simulation, start time " << TimeStamp() << std::endl;
 
-  for (const char* name : emptied) std::ofstream(outputFilePath + name, std::ios::trunc);
+  for (const char* name : emptied) WriteOutput(outputFilePath + name, "", WriteStage::kTracking);
   if (dumpPeriodicity != 0) WriteBeamSetHeader(beam);
 }
 
 void MethodMP::WriteBeamSetHeader(Beam& beam) {
-  std::ofstream out(outputFilePath + "BeamSet.plt", std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) errorOut("BeamSet.plt open failed, Check permissions");
   std::string header;
   header.push_back(static_cast<char>(0x7D));
   header.push_back(static_cast<char>(100));
@@ -118,11 +117,12 @@ void MethodMP::WriteBeamSetHeader(Beam& beam) {
   Put(header, beam.current * 1000.0);
   Put(header, beam.frequency / 1000000.0);
   Put(header, beam.particle[0].restEnergy);
-  out.write(header.data(), static_cast<std::streamsize>(header.size()));
+  WriteOutput(outputFilePath + "BeamSet.plt", header, WriteStage::kTracking,
+              "BeamSet.plt open failed, Check permissions");
 }
 
 void MethodMP::WriteSimulationTime(const PIC& pic) {
-  std::ofstream out(outputFilePath + "SimulationTime.txt", std::ios::app);
+  std::ostringstream out;
   out << std::setprecision(5);
   const std::vector<int>& c = cores;
   out << timeTotal / 1e6 << " Exter:";
@@ -135,6 +135,7 @@ void MethodMP::WriteSimulationTime(const PIC& pic) {
                               pic.timeConvolutionReduce, pic.timeGradient, pic.timeAllocate};
   for (int k = 0; k < 7; ++k) out << (k ? " " : "") << c[core[k]] << ": " << internal[k] / 1e6;
   out << "\n";
+  AppendOutput(outputFilePath + "SimulationTime.txt", out.str(), WriteStage::kTracking);
 }
 
 void MethodMP::RestoreFromRow(Particle& p, const std::vector<double>& r, double z, double commonTime) {
@@ -327,8 +328,7 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
       for (int k = 6; k < 12; ++k) line << ' ' << lineRecord[k];
       for (int k = 14; k < 18; ++k) line << ' ' << lineRecord[k];
       line << ' ' << stepCounter - 1 << '\n';
-      std::ofstream out(outputFilePath + "DataSet.txt", std::ios::app);
-      out << line.str();
+      AppendOutput(outputFilePath + "DataSet.txt", line.str(), WriteStage::kTracking);
     }
 
     // 7., 8.
@@ -622,24 +622,24 @@ void MethodMP::NotFiniteStop(int step) {
 void MethodMP::synPout(Beam& beam, double&) {
   const double* q = beam.particle[beam.particleNumber].coordinate;
   const double G = std::sqrt(1.0 + q[1] * q[1] + q[3] * q[3] + q[5] * q[5]);
-  std::ofstream out(outputFilePath + "synParticle.txt", std::ios::app);
+  std::ostringstream out;
   out << std::fixed << std::setprecision(12);
   out << TimeStamp() << q[4] << "  " << (G - 1.0) * beam.particle[0].restEnergy << "  " << q[0] << "  " << q[2]
       << "  " << q[1] << "  " << q[3] << "  " << q[5] << "  " << beam.bendPlane << "  " << beam.bendAngle << "\n";
+  AppendOutput(outputFilePath + "synParticle.txt", out.str(), WriteStage::kTracking);
 }
 
 void MethodMP::SeSynPout(Particle& particle) {
   const double* q = particle.coordinate;
   const double* f = particle.externalField;
-  std::ofstream out(outputFilePath + "SeSynParticle.txt", std::ios::app);
+  std::ostringstream out;
   out << std::fixed << std::setprecision(12);
   out << q[0] << "  " << q[1] << "  " << q[2] << "  " << q[3] << "  " << q[4] << "  " << q[5] << "  " << f[3]
       << "  " << f[4] << "  " << f[5] << "  " << particle.lost << "\n";
+  AppendOutput(outputFilePath + "SeSynParticle.txt", out.str(), WriteStage::kTracking);
 }
 
 void MethodMP::beamOut(Beam& beam, CrossingTable& rows, int kind, double time, double z, int step) {
-  std::ofstream out(outputFilePath + "BeamSet.plt", std::ios::binary | std::ios::app);
-  if (!out.is_open()) std::cout << "BeamSet.plt cannot be output" << std::endl;
   const int N = beam.particleNumber;
   std::string record;
   record.reserve(25 + 52 * static_cast<std::size_t>(N));
@@ -659,7 +659,7 @@ void MethodMP::beamOut(Beam& beam, CrossingTable& rows, int kind, double time, d
       Put(record, static_cast<int>(std::lround(r[7])));
     }
   }
-  out.write(record.data(), static_cast<std::streamsize>(record.size()));
+  AppendOutput(outputFilePath + "BeamSet.plt", record, WriteStage::kTracking, "BeamSet.plt cannot be output");
 }
 
 void MethodMP::dstOut(Beam& beam, const CrossingTable& rows, double z) {
@@ -693,21 +693,17 @@ void MethodMP::dstOut(Beam& beam, const CrossingTable& rows, double z) {
   }
   Put(data, first.restEnergy);
 
-  std::ofstream out(outputFilePath + "outData_" + FormatFixed(z) + ".dst", std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) {
-    std::cout << "output error" << std::endl;
-    return;
-  }
-  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+  WriteOutput(outputFilePath + "outData_" + FormatFixed(z) + ".dst", data, WriteStage::kTracking);
 }
 
 void MethodMP::errSampleOut(ErrorSample& sample) {
   auto write = [](const std::string& name, const ErrorSet& set) {
-    std::ofstream out(outputFilePath + name, std::ios::trunc);
+    std::ostringstream out;
     for (const std::vector<double>& row : set) {
       for (double v : row) out << v << ' ';
       out << '\n';
     }
+    WriteOutput(outputFilePath + name, out.str(), WriteStage::kTracking);
   };
   if (sample.onFlag[0] == 1 || sample.onFlag[2] == 1) write("StaticErrorData.txt", sample.staticSet);
   if (sample.onFlag[1] == 1 || sample.onFlag[3] == 1) write("DynamicErrorData.txt", sample.dynamicSet);
@@ -716,7 +712,7 @@ void MethodMP::errSampleOut(ErrorSample& sample) {
 void MethodMP::testOut(Beam& beam) {
   const int N = beam.particleNumber;
   {
-    std::ofstream out(outputFilePath + "testP.txt", std::ios::app);
+    std::ostringstream out;
     out << std::fixed << std::setprecision(12);
     for (int i = 0; i < N; ++i) {
       const Particle& p = beam.particle[i];
@@ -724,8 +720,9 @@ void MethodMP::testOut(Beam& beam) {
       for (int k = 0; k < 6; ++k) out << p.coordinate[k] << "  ";
       for (int k = 0; k < 6; ++k) out << p.relativeCoordinate[k] << (k < 5 ? "  " : "\n");
     }
+    AppendOutput(outputFilePath + "testP.txt", out.str(), WriteStage::kTracking);
   }
-  std::ofstream out(outputFilePath + "test.txt", std::ios::app);
+  std::ostringstream out;
   out << std::fixed << std::setprecision(12);
   const double* r = beam.particle[N].coordinate;
   const double columns[13] = {beam.average[0], beam.average[1], beam.average[2], beam.average[3], beam.average[4],
@@ -737,6 +734,7 @@ void MethodMP::testOut(Beam& beam) {
     out << (k == 3 || k == 4 ? " " : "  ");
   }
   out << "\n";
+  AppendOutput(outputFilePath + "test.txt", out.str(), WriteStage::kTracking);
 }
 
 void MethodMP::simulationProgress(Beam& beam, ErrorSample&) {

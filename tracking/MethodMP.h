@@ -101,7 +101,7 @@ class MethodMP : public ThreadPool {
   void testOut(Beam& beam);
   void simulationProgress(Beam& beam, ErrorSample& sample);
   // Reports a failure of the tracking stage and ends the process, status 2.
-  [[noreturn]] void errorOut(std::string message);
+  [[noreturn]] static void errorOut(std::string message);
   // The run cannot go on once the bunch's moments are not numbers.
   [[noreturn]] void NotFiniteStop(int step);
 

@@ -12,6 +12,7 @@
 #include "beamline/PlaneFrame.h"
 #include "run/HelperFunc.h"
 #include "run/Keld.h"
+#include "run/OutputFile.h"
 #include "tracking/MethodMP.h"
 #include "tracking/SectionPlan.h"
 
@@ -242,10 +243,11 @@ void MethodMP::SeZRun(std::vector<int>& elementCode, std::vector<int>& sectionEl
 void MethodMP::SePlaneOut(Particle& particle, std::vector<double>& row, double z, int reference) {
   const std::string name = outputFilePath + "outData_" + FormatFixed(z) + ".txt";
   if (reference == 1) {
-    std::ofstream(name, std::ios::trunc);
+    WriteOutput(name, "", WriteStage::kTracking);
     return;
   }
-  std::ofstream out(name, std::ios::app);
+  std::ostringstream out;
   out << particle.index << " " << std::fixed << std::setprecision(15) << row[0] << "  " << row[1] << "  " << row[2]
       << "  " << row[3] << "  " << row[6] << "  " << row[5] << "\n";
+  AppendOutput(name, out.str(), WriteStage::kTracking);
 }

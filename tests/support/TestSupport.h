@@ -80,10 +80,10 @@ struct RunResult {
   std::string output;  // stdout and stderr together
 };
 
-// Runs the keld host program on an input and an output folder.
-inline RunResult RunKeld(const std::string& input, const std::string& output) {
+// Runs a shell command line, stdout and stderr together.
+inline RunResult RunCommand(const std::string& commandLine) {
   RunResult r;
-  const std::string command = std::string(KELD_BINARY) + " '" + input + "' '" + output + "' 2>&1";
+  const std::string command = "(" + commandLine + ") 2>&1";
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return r;
   char buffer[4096];
@@ -92,6 +92,11 @@ inline RunResult RunKeld(const std::string& input, const std::string& output) {
   const int status = pclose(pipe);
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
+}
+
+// Runs the keld host program on an input and an output folder.
+inline RunResult RunKeld(const std::string& input, const std::string& output) {
+  return RunCommand(std::string(KELD_BINARY) + " '" + input + "' '" + output + "'");
 }
 
 // Reads a value of type T at a byte offset of a binary buffer.

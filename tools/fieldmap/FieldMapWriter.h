@@ -9,6 +9,7 @@
 // bytes), then the values as 32-bit floats.
 //
 // Units: lengths in m, electric values in MV/m, magnetic values in T.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -32,6 +33,14 @@ inline std::vector<std::string> Extensions(int type) {
   if (type == 2) return {".esx", ".esy", ".esz"};
   if (type == 3) return {".bsx", ".bsy", ".bsz"};
   return {};
+}
+
+// Bytes of one file of a set: the header, then 4 bytes a value in the binary
+// form and at most 24 characters a value ("%.17g" and a separator) in the text
+// form. Counted in doubles, so that no mesh overflows the count.
+inline double MapFileBytes(const MapMesh& m, bool binary) {
+  const double nodes = (m.nx + 1.0) * (m.ny + 1.0) * (m.nz + 1.0);
+  return binary ? 60.0 + 4.0 * nodes : 128.0 + 24.0 * nodes;
 }
 
 // Writes the set `base` of field type `type`; `value(c, x, y, z)` gives
@@ -71,29 +80,37 @@ bool WriteMapSet(const std::string& base, int type, const MapMesh& m, Value valu
                     m.xmax, m.ny, m.ymin, m.ymax);
       out << line;
     }
-    std::vector<float> row(static_cast<std::size_t>(m.nx) + 1);
-    std::string textRow;
+    // A row of x is written in pieces, so that a long axis needs no long
+    // buffer; a failed write stops at once and takes the cut file away.
+    constexpr long long kPiece = 4096;
+    std::vector<float> piece(kPiece);
+    std::string text;
     char number[32];
-    for (int iz = 0; iz <= m.nz; ++iz) {
-      for (int iy = 0; iy <= m.ny; ++iy) {
-        textRow.clear();
-        for (int ix = 0; ix <= m.nx; ++ix) {
-          const double v = value(static_cast<int>(c), m.xmin + ix * dx, m.ymin + iy * dy, iz * dz);
-          if (binary) {
-            row[ix] = static_cast<float>(v);
-          } else {
-            std::snprintf(number, sizeof number, ix == 0 ? "%.17g" : " %.17g", v);
-            textRow += number;
+    for (long long iz = 0; iz <= m.nz && out; ++iz) {
+      for (long long iy = 0; iy <= m.ny && out; ++iy) {
+        for (long long from = 0; from <= m.nx && out; from += kPiece) {
+          const long long to = std::min<long long>(from + kPiece, m.nx + 1LL);
+          text.clear();
+          for (long long ix = from; ix < to; ++ix) {
+            const double v = value(static_cast<int>(c), m.xmin + ix * dx, m.ymin + iy * dy, iz * dz);
+            if (binary) {
+              piece[ix - from] = static_cast<float>(v);
+            } else {
+              std::snprintf(number, sizeof number, ix == 0 ? "%.17g" : " %.17g", v);
+              text += number;
+            }
           }
+          if (binary)
+            out.write(reinterpret_cast<const char*>(piece.data()), static_cast<std::streamsize>((to - from) * 4));
+          else
+            out << text << (to == m.nx + 1LL ? "\n" : "");
         }
-        if (binary)
-          out.write(reinterpret_cast<const char*>(row.data()), static_cast<std::streamsize>(row.size() * 4));
-        else
-          out << textRow << '\n';
       }
     }
-    if (!out.good()) {
-      error = "cannot write " + path;
+    out.close();
+    if (!out) {
+      std::remove(path.c_str());
+      error = "cannot write " + path + " (the disk may be full or the file too large); the cut file was removed";
       return false;
     }
   }
