@@ -2,6 +2,7 @@
 // the integrated Green's function.
 #include "spacecharge/IGFGrid.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -11,6 +12,10 @@
 namespace {
 
 constexpr double kCoulomb = 8987551787.368176;  // 1 / (4 pi epsilon 0)
+// Offsets nearer than this many of the largest cell side take the exact
+// integral; beyond it the Taylor series of the cell mean to fourth order
+// differs from it by less than 1e-7 of the value, at a fraction of the cost.
+constexpr double kExactReach = 6.0;
 
 template <class T>
 T* Allocate(std::size_t count) {
@@ -39,6 +44,26 @@ inline double Vertex(int m, double h) { return m == 0 ? 0.0 : (m - 0.5) * h; }
 inline double Weight(int m) { return m == 0 ? 2.0 : 1.0; }
 
 }  // namespace
+
+double FarCellMean(double x, double y, double z, const double square[3]) {
+  const double x2 = x * x, y2 = y * y, z2 = z * z, r2 = x2 + y2 + z2;
+  const double inverse = 1.0 / std::sqrt(r2), inverse5 = inverse / (r2 * r2), inverse9 = inverse5 / (r2 * r2);
+  // Second derivatives of 1 / r, each with its h^2 / 24.
+  const double second = (square[0] * (3.0 * x2 - r2) + square[1] * (3.0 * y2 - r2) + square[2] * (3.0 * z2 - r2)) *
+                        inverse5 / 24.0;
+  // Fourth: d4/dx4 with h^4 / 1920, d4/dx2 dy2 with hx^2 hy^2 / 576.
+  const double r4 = r2 * r2;
+  auto pure = [&](double a2) { return 3.0 * (35.0 * a2 * a2 - 30.0 * a2 * r2 + 3.0 * r4); };
+  auto mixed = [&](double a2, double b2) { return 3.0 * (35.0 * a2 * b2 - 5.0 * r2 * (a2 + b2) + r4); };
+  const double fourth =
+      ((square[0] * square[0] * pure(x2) + square[1] * square[1] * pure(y2) + square[2] * square[2] * pure(z2)) /
+           1920.0 +
+       (square[0] * square[1] * mixed(x2, y2) + square[0] * square[2] * mixed(x2, z2) +
+        square[1] * square[2] * mixed(y2, z2)) /
+           576.0) *
+      inverse9;
+  return inverse + second + fourth;
+}
 
 double IntegratedInverseDistance(double x, double y, double z) {
   const double r = std::sqrt(x * x + y * y + z * z);
@@ -132,16 +157,22 @@ void IGFGrid::Release() {
 }
 
 void IGFGrid::KernelPlanes(double hx, double hy, double hz, int task, int iFirst, int iEnd) {
-  const int vy = ny + 2, vz = nz + 2;  // vertices of a plane
-  const int dy = ny + 1, dz = nz + 1;  // cells of a plane
-  const std::size_t cells = static_cast<std::size_t>(dy) * dz;
+  // Offsets within kExactReach of the largest cell side take the exact
+  // integral; the box of them, per axis, in cells.
+  const double reach = kExactReach * std::max({hx, hy, hz});
+  auto nearCells = [reach](double h, int n) { return static_cast<int>(std::min(std::ceil(reach / h), 1.0 * n)); };
+  const int nearX = nearCells(hx, nx), nearY = nearCells(hy, ny), nearZ = nearCells(hz, nz);
+  const int vy = nearY + 2, vz = nearZ + 2;  // vertices of a plane of the box
+  const int dy = nearY + 1, dz = nearZ + 1;  // cells of a plane of the box
   double* f = scratch[task].data();
   double* below = f + static_cast<std::size_t>(vy) * vz;
-  double* above = below + cells;
+  double* above = below + static_cast<std::size_t>(dy) * dz;
   // The kernel is the mean of 1 / r over the source cell, scaled for the
   // charge in coulomb and for the unnormalised transforms.
-  const double scale = kCoulomb / (hx * hy * hz) / (8.0 * nx * ny * nz);
-  // The antiderivative on vertex plane m, differenced across the plane.
+  const double scale = kCoulomb / (8.0 * nx * ny * nz);
+  const double exactScale = scale / (hx * hy * hz);
+  const double square[3] = {hx * hx, hy * hy, hz * hz};
+  // The antiderivative on vertex plane m of the box, differenced across the plane.
   auto differences = [&](int m, double* d) {
     const double x = Vertex(m, hx);
     for (int j = 0; j < vy; ++j) {
@@ -156,13 +187,23 @@ void IGFGrid::KernelPlanes(double hx, double hy, double hz, int task, int iFirst
       for (int k = 0; k < dz; ++k) out[k] = Weight(j) * Weight(k) * ((hi[k + 1] - hi[k]) - (lo[k + 1] - lo[k]));
     }
   };
-  differences(iFirst, below);
+  if (iFirst <= nearX) differences(iFirst, below);
+  const std::size_t line = static_cast<std::size_t>(nz) + 1;
   for (int i = iFirst; i < iEnd; ++i) {
-    differences(i + 1, above);
-    double* out = kernel + static_cast<std::size_t>(i) * cells;
-    const double s = scale * Weight(i);
-    for (std::size_t n = 0; n < cells; ++n) out[n] = s * (above[n] - below[n]);
-    std::swap(below, above);
+    double* out = kernel + static_cast<std::size_t>(i) * (ny + 1) * line;
+    const bool nearPlane = i <= nearX;
+    for (int j = 0; j <= ny; ++j) {
+      double* row = out + j * line;
+      for (int k = nearPlane && j <= nearY ? nearZ + 1 : 0; k <= nz; ++k)
+        row[k] = scale * FarCellMean(i * hx, j * hy, k * hz, square);
+    }
+    if (nearPlane) {
+      differences(i + 1, above);
+      const double s = exactScale * Weight(i);
+      for (int j = 0; j < dy; ++j)
+        for (int k = 0; k < dz; ++k) out[j * line + k] = s * (above[j * dz + k] - below[j * dz + k]);
+      std::swap(below, above);
+    }
     fftw_execute_r2r(kernelZ, out, out);
     fftw_execute_r2r(kernelY, out, out);
   }

@@ -66,7 +66,8 @@ class IGFGrid {
 
   // Units of work; each writes only the part of the buffers named.
   // Kernel planes [iFirst, iEnd) of 0..Nx: the integrated Green's function
-  // and its transforms along z and y; task picks the scratch.
+  // (exact near the origin, by its Taylor series far from it) and its
+  // transforms along z and y; task picks the scratch.
   void KernelPlanes(double hx, double hy, double hz, int task, int iFirst, int iEnd);
   // Kernel columns [jFirst, jEnd) of 0..Ny: the transform along x.
   void KernelColumns(int jFirst, int jEnd);
@@ -87,3 +88,7 @@ class IGFGrid {
 // The antiderivative of 1 / r: its mixed third derivative d3F / dx dy dz is
 // 1 / sqrt(x^2 + y^2 + z^2). For x, y, z at or above 0.
 double IntegratedInverseDistance(double x, double y, double z);
+// The mean of 1 / r over the cell of squared sides `square` centred at
+// (x, y, z), by its Taylor series to fourth order in the sides: for cells far
+// from the origin, where it costs a fraction of the exact integral.
+double FarCellMean(double x, double y, double z, const double square[3]);
