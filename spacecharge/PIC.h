@@ -23,8 +23,9 @@ class PIC {
   int solveCount = 0;  // of which asked for a solve
   double kernelMode = 1.0;
   // Microseconds spent in: deposition, deposition reduction, kernel table,
-  // convolution, convolution reduction, gradient, gather. The FFT solver puts
-  // its transforms under convolution and its differences under gradient.
+  // convolution, convolution reduction, gradient, gather. The FFT and IGF
+  // solvers put their transforms under convolution and their differences
+  // under gradient; IGF its Green's function under kernel table.
   double timeWeight = 0.0;
   double timeWeightReduce = 0.0;
   double timeTable = 0.0;
