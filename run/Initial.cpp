@@ -107,6 +107,8 @@ int Initial::Read() {
         scParameters[0] = 0.0;
       else if (token.size() >= 2 && token[1] == "SPICNIC")
         scParameters[0] = 1.0;
+      else if (token.size() >= 2 && token[1] == "IGF")
+        scParameters[0] = 2.0;
       else
         errorOut("SCMethod Contains unknown item, available options include FFT / SPICNIC");
     } else if (key == "negligibleratio") {
@@ -313,6 +315,11 @@ void Initial::ApplySolverSettings(int count) {
     if (p[4] == -1.0) p[4] = p[5] = p[6] = 8.0;
     if (numOfGrid[0] == -1) numOfGrid.assign(3, gridValue[row]);
     if (p[7] == -1.0) p[7] = std::ceil(numOfGrid[0] / 3.0);
+  } else if (p[0] == 2.0) {
+    // Open boundaries need no margin for images: the mesh only has to hold
+    // the bunch, so the same nodes give finer cells than the FFT solver's.
+    if (p[1] == -1.0) p[1] = p[2] = p[3] = 4.0;
+    if (numOfGrid[0] == -1) numOfGrid.assign(3, 64);
   }
   p[9] = static_cast<double>(multithreading);
 }

@@ -97,8 +97,11 @@ void PIC::Initial(Mesh& mesh, Beam& beam, std::vector<double>& parameters) {
   taskRho.clear();
   if (multithread == 1 && threadPlan[4] != 1) taskRho.assign(threadPlan[4], std::vector<double>(nodes, 0.0));
   ReleaseFFT();
+  igf.Release();
   if (scMethod == 0.0) {
     MakeFFTPlans();
+  } else if (scMethod == 2.0) {
+    igf.Make(nx, ny, nz, threadPlan[6]);
   } else {
     phiKernel.assign(static_cast<std::size_t>(2 * nx + 1) * (2 * ny + 1) * (2 * nz + 1), 0.0);
     taskPhi.assign(threadPlan[7], std::vector<double>(nodes, 0.0));
@@ -164,6 +167,24 @@ int PIC::autoPIC(Beam& beam) {
   return 1;
 }
 
+void PIC::Solve(Mesh& mesh) {
+  if (scMethod == 0.0)
+    FFT(mesh);
+  else if (scMethod == 2.0)
+    IGF(mesh);
+  else
+    PICNIC(mesh);
+}
+
+int PIC::SelfField(Mesh& mesh, Beam& beam, double timeStep) {
+  const bool everyCall = scMethod == 0.0 || scMethod == 2.0;
+  if (!everyCall && autoPIC(beam) == 0) return 0;
+  if (Weight(mesh, beam, timeStep) != 0) return 1;
+  Solve(mesh);
+  Allocate(mesh, beam);
+  return 0;
+}
+
 double PIC::MemoryNeeded(const std::vector<int>& numOfGrid, const std::vector<double>& parameters, int particleNumber) {
   const double x = numOfGrid[0], y = numOfGrid[1], z = numOfGrid[2];
   const double grid = x * y * z * sizeof(double);
@@ -174,6 +195,10 @@ double PIC::MemoryNeeded(const std::vector<int>& numOfGrid, const std::vector<do
   if (multi == 1 && tasks(4) != 1.0) bytes += tasks(4) * grid;  // deposition grids
   if (parameters[0] == 0.0)
     bytes += 2.0 * grid + 3.0 * 2.0 * grid;  // transform buffers
+  else if (parameters[0] == 2.0)
+    bytes += 2.0 * x * y * 2.0 * z * sizeof(double)                  // charge lines, potential with its ghosts
+             + 2.0 * x * 2.0 * y * (z + 2.0) * 2.0 * sizeof(double)  // spectrum of the doubled grid
+             + (x + 1) * (y + 1) * (z + 1) * sizeof(double);         // kernel
   else
     bytes += (2 * x + 1) * (2 * y + 1) * (2 * z + 1) * sizeof(double)  // kernel table
              + (tasks(7) + 1.0) * grid;                                // corrections, folded charge
@@ -182,7 +207,7 @@ double PIC::MemoryNeeded(const std::vector<int>& numOfGrid, const std::vector<do
 
 std::string PIC::CheckSettings(const std::vector<int>& numOfGrid, const std::vector<double>& parameters,
                                int lpBoundaryIn, int particleNumber) {
-  const bool picnic = parameters[0] != 0.0;
+  const bool picnic = parameters[0] != 0.0 && parameters[0] != 2.0;
   const char* axis[3] = {"x", "y", "z"};
   std::ostringstream grid;
   grid << numOfGrid[0] << " " << numOfGrid[1] << " " << numOfGrid[2];
@@ -210,7 +235,8 @@ std::string PIC::CheckSettings(const std::vector<int>& numOfGrid, const std::vec
     }
   const double nodes = static_cast<double>(numOfGrid[0]) * numOfGrid[1] * numOfGrid[2];
   const double kernel = (2.0 * numOfGrid[0] + 1) * (2.0 * numOfGrid[1] + 1) * (2.0 * numOfGrid[2] + 1);
-  if (nodes > 2147483647.0 || (picnic && kernel > 2147483647.0))
+  const double doubled = 8.0 * nodes;  // the IGF solver's transforms
+  if (nodes > 2147483647.0 || (picnic && kernel > 2147483647.0) || (parameters[0] == 2.0 && doubled > 2147483647.0))
     return "numofgrid " + grid.str() + " has too many nodes for the space-charge solver, at most 2147483647";
   const double needed = MemoryNeeded(numOfGrid, parameters, particleNumber), usable = UsableMemory();
   if (needed > usable) {

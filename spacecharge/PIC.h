@@ -6,13 +6,15 @@
 #include <vector>
 
 #include "beam/Beam.h"
+#include "spacecharge/IGFGrid.h"
 #include "spacecharge/Mesh.h"
 #include "spacecharge/ThreadPool.h"
 
 // The particle-in-cell solver of one run: fits the mesh to the bunch, moves
 // the charge into the bunch rest frame and onto the nodes, solves for the
-// field (spectral FFT solver in a grounded, longitudinally periodic box, or
-// the S-PICNIC free-space direct sum) and gathers the field back to the
+// field (spectral FFT solver in a grounded, longitudinally periodic box, the
+// S-PICNIC free-space direct sum, or the open-boundary IGF convolution on a
+// doubled grid) and gathers the field back to the
 // particles. Everything that the step loop needs is allocated once here.
 class PIC {
  public:
@@ -21,8 +23,9 @@ class PIC {
   int solveCount = 0;  // of which asked for a solve
   double kernelMode = 1.0;
   // Microseconds spent in: deposition, deposition reduction, kernel table,
-  // convolution, convolution reduction, gradient, gather. The FFT solver puts
-  // its transforms under convolution and its differences under gradient.
+  // convolution, convolution reduction, gradient, gather. The FFT and IGF
+  // solvers put their transforms under convolution and their differences
+  // under gradient; IGF its Green's function under kernel table.
   double timeWeight = 0.0;
   double timeWeightReduce = 0.0;
   double timeTable = 0.0;
@@ -43,7 +46,7 @@ class PIC {
   double negligibleRatio = 0.07;
   double negligibleCharge = 0.0;
   double meshRms[3] = {-1.0, -1.0, -1.0};
-  double scMethod = 1.0;  // 0.0 FFT, anything else S-PICNIC
+  double scMethod = 1.0;  // 0.0 FFT, 2.0 IGF, anything else S-PICNIC
   double hx = 0.0, hy = 0.0, hz = 0.0;
   double cellVolume = 0.0;
   int inMeshCount = 0;
@@ -83,6 +86,9 @@ class PIC {
   std::vector<double> foldedRho;             // the charge each node sees under the octant symmetry, thresholded
   std::vector<int> rowFirst, rowEnd;         // nonzero k span of each (a, b) row of foldedRho
 
+  // IGF solver: the doubled grid, its plans and the kernel of the last cell sizes.
+  IGFGrid igf;
+
   PIC();
   PIC(Mesh& mesh, Beam& beam, std::vector<double>& parameters, int lpBoundaryIn);
   ~PIC();
@@ -98,6 +104,14 @@ class PIC {
   int Weight(Mesh& mesh, Beam& beam, double timeStep);
   void FFT(Mesh& mesh);
   void PICNIC(Mesh& mesh);
+  void IGF(Mesh& mesh);
+  // The solve of the chosen method, between Weight and Allocate.
+  void Solve(Mesh& mesh);
+  // The self-field of one transport step: Weight, Solve and Allocate, at every
+  // call for FFT and IGF, for S-PICNIC only when autoPIC asks for it (else
+  // the particles keep their field). Returns 0, or 1 when the mesh cannot be
+  // fitted (fitFailure says why).
+  int SelfField(Mesh& mesh, Beam& beam, double timeStep);
   void Allocate(Mesh& mesh, Beam& beam);
 
   // Checks the solver settings of a run before anything is built: grid sizes,

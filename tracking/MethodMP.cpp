@@ -231,16 +231,9 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
   double beta = std::sqrt(1.0 - 1.0 / g / g);
 
   for (;;) {
-    // 1. Self-field. The FFT solver runs at every step; S-PICNIC only when
-    // the bunch length has changed enough, else the last field stays.
-    if (spaceCharge == 1 && (pic.scMethod == 0.0 || pic.autoPIC(beam) == 1)) {
-      if (pic.Weight(mesh, beam, dt) != 0) errorOut(pic.fitFailure);
-      if (pic.scMethod == 0.0)
-        pic.FFT(mesh);
-      else
-        pic.PICNIC(mesh);
-      pic.Allocate(mesh, beam);
-    }
+    // 1. Self-field. The FFT and IGF solvers run at every step; S-PICNIC
+    // only when the bunch length has changed enough, else the last field stays.
+    if (spaceCharge == 1 && pic.SelfField(mesh, beam, dt) != 0) errorOut(pic.fitFailure);
 
     // 2. The pooled push of the bunch.
     const auto pushStart = std::chrono::system_clock::now();

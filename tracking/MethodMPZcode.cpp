@@ -96,14 +96,7 @@ void MethodMP::zcodeRun(double& time, double& startPlane, std::vector<int>& elem
           t0 = std::chrono::system_clock::now();
           HESCFieldPre(beam, rows, lattice, timeOut);
           timeFieldPre += ElapsedMicroseconds(t0);
-          if (pic.scMethod == 0.0 || pic.autoPIC(beam) == 1) {
-            if (pic.Weight(mesh, beam, timeStep) != 0) errorOut(pic.fitFailure);
-            if (pic.scMethod == 0.0)
-              pic.FFT(mesh);
-            else
-              pic.PICNIC(mesh);
-            pic.Allocate(mesh, beam);
-          }
+          if (pic.SelfField(mesh, beam, timeStep) != 0) errorOut(pic.fitFailure);
           kickMode = 1;
         }
         if (code == -1) dstOut(beam, rows, zm);  // at the middle, whatever the plane's own z

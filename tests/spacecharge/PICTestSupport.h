@@ -92,4 +92,24 @@ inline double GaussianField(double Q, double sigma, double r) {
   return kCoulomb * Q / (r * r) * (std::erf(u) - 2.0 * u * std::exp(-u * u) / std::sqrt(3.141592653589793));
 }
 
+// Carlson's R_D(x, y, z) by duplication: the integral of
+// 3/2 dt / sqrt((t + x)(t + y)(t + z)^3) from 0 to infinity.
+inline double CarlsonRD(double x, double y, double z) {
+  double sum = 0.0, factor = 1.0;
+  for (int k = 0; k < 40; ++k) {
+    const double sx = std::sqrt(x), sy = std::sqrt(y), sz = std::sqrt(z);
+    const double lambda = sx * sy + sx * sz + sy * sz;
+    sum += factor / (sz * (z + lambda));
+    factor *= 0.25;
+    x = 0.25 * (x + lambda), y = 0.25 * (y + lambda), z = 0.25 * (z + lambda);
+  }
+  return 3.0 * sum + factor / (z * std::sqrt(z));
+}
+
+// Inside a uniform ellipsoid of charge Q and semi-axes a, b, c the field is
+// E_x = Q / (4 pi eps0) 3/2 I_x x, with I_x = 2/3 R_D(b^2, c^2, a^2).
+inline double FieldSlope(double Q, double a, double b, double c) {
+  return kCoulomb * Q * CarlsonRD(b * b, c * c, a * a);
+}
+
 }  // namespace pictest
