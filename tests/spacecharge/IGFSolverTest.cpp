@@ -11,63 +11,6 @@
 
 using namespace pictest;
 
-namespace {
-
-// An IGF solver on nx x ny x nz nodes with cells h, its mesh and an empty beam.
-struct IGFCase {
-  Mesh mesh;
-  TestBeam beam{0, 0.0};
-  std::unique_ptr<PIC> pic;
-  IGFCase(int nx, int ny, int nz, const double h[3], int threads = 2) {
-    std::vector<int> grid = {nx, ny, nz};
-    mesh.Initial(grid, 0);
-    std::vector<double> p = Parameters(2.0, 3.0, threads);
-    pic = std::make_unique<PIC>(mesh, beam.beam, p, 0);
-    SetCells(h);
-  }
-  void SetCells(const double h[3]) {
-    pic->hx = h[0], pic->hy = h[1], pic->hz = h[2];
-    pic->cellVolume = h[0] * h[1] * h[2];
-  }
-  // Node (i, j, k) sits at (i - N / 2 + 0.5) h, as Weight places it.
-  double X(int i, int axis) const {
-    const double h[3] = {pic->hx, pic->hy, pic->hz};
-    return (i - mesh.numOfGrid[axis] / 2.0 + 0.5) * h[axis];
-  }
-  void Fill(const std::function<double(int, int, int)>& charge) {
-    for (int i = 0; i < mesh.numOfGrid[0]; ++i)
-      for (int j = 0; j < mesh.numOfGrid[1]; ++j)
-        for (int k = 0; k < mesh.numOfGrid[2]; ++k) mesh.rho[mesh.Index(i, j, k)] = charge(i, j, k);
-    pic->Solve(mesh);
-  }
-};
-
-// Charge Q spread uniformly over the ellipsoid of semi-axes s at the mesh
-// centre: each node holds the part of its cell inside, from 8^3 sample
-// points in the cells that the surface crosses.
-std::function<double(int, int, int)> Ellipsoid(const IGFCase& c, const double s[3], double Q) {
-  const double density = Q / (4.0 / 3.0 * 3.141592653589793 * s[0] * s[1] * s[2]);
-  const double h[3] = {c.pic->hx, c.pic->hy, c.pic->hz};
-  const double reach = std::sqrt(std::pow(h[0] / s[0], 2) + std::pow(h[1] / s[1], 2) + std::pow(h[2] / s[2], 2)) / 2;
-  return [&c, s, h, density, reach](int i, int j, int k) {
-    const double x = c.X(i, 0), y = c.X(j, 1), z = c.X(k, 2);
-    const double u = std::sqrt(x * x / (s[0] * s[0]) + y * y / (s[1] * s[1]) + z * z / (s[2] * s[2]));
-    if (u + reach < 1.0) return density * h[0] * h[1] * h[2];
-    if (u - reach > 1.0) return 0.0;
-    int inside = 0;
-    for (int a = 0; a < 8; ++a)
-      for (int b = 0; b < 8; ++b)
-        for (int d = 0; d < 8; ++d) {
-          const double px = (x + ((a + 0.5) / 8 - 0.5) * h[0]) / s[0], py = (y + ((b + 0.5) / 8 - 0.5) * h[1]) / s[1],
-                       pz = (z + ((d + 0.5) / 8 - 0.5) * h[2]) / s[2];
-          inside += px * px + py * py + pz * pz < 1.0;
-        }
-    return density * h[0] * h[1] * h[2] * inside / 512.0;
-  };
-}
-
-}  // namespace
-
 // Inside a uniform ellipsoid the field is linear, with Carlson's R_D for the
 // slopes; on 32 x 32 x 64 nodes, for a ball and two elongated ellipsoids
 // (cells up to 1 : 2 : 3.7), the node field over the inner 80 % of the
@@ -80,7 +23,7 @@ TEST(IGFSolver, UniformEllipsoidFieldIsCarlsonsAndKnowsNoBox) {
   for (const auto& ratio : ratios) {
     const double s[3] = {1e-3 * ratio[0], 1e-3 * ratio[1], 1e-3 * ratio[2]};
     const double h[3] = {s[0] / 14, s[1] / 14, s[2] / 30};  // 14 and 30 cells from the centre to the surface
-    IGFCase tight(32, 32, 64, h), wide(36, 36, 68, h);
+    SolverCase tight(32, 32, 64, h), wide(36, 36, 68, h);
     tight.Fill(Ellipsoid(tight, s, Q));
     wide.Fill(Ellipsoid(wide, s, Q));
 
@@ -118,7 +61,7 @@ TEST(IGFSolver, UniformEllipsoidFieldIsCarlsonsAndKnowsNoBox) {
 TEST(IGFSolver, PointChargeFarOutLinearityAndReuse) {
   const double q = 1e-15, h[3] = {1e-4, 1.5e-4, 2.5e-4}, hMax = 2.5e-4;
   const int n = 24;
-  IGFCase c(n, n, n, h);
+  SolverCase c(n, n, n, h);
   auto point = [q](int i, int j, int k) { return i == 12 && j == 12 && k == 12 ? q : 0.0; };
   auto scattered = [q](int i, int j, int k) { return q * std::sin(1.7 * i + 2.3 * j * j + 0.9 * k); };
   c.Fill(point);
@@ -155,7 +98,7 @@ TEST(IGFSolver, PointChargeFarOutLinearityAndReuse) {
   const double other[3] = {2e-4, 1e-4, 1e-4};
   c.SetCells(other);
   c.Fill(point);
-  IGFCase fresh(n, n, n, other, 1);  // one task for all phases
+  SolverCase fresh(n, n, n, other, 1);  // one task for all phases
   fresh.Fill(point);
   EXPECT_EQ(m.ez, fresh.mesh.ez);
   EXPECT_EQ(m.ex, fresh.mesh.ex);

@@ -1,6 +1,7 @@
 #pragma once
 // Bunches and solver set-ups for the space-charge tests.
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -110,6 +111,59 @@ inline double CarlsonRD(double x, double y, double z) {
 // E_x = Q / (4 pi eps0) 3/2 I_x x, with I_x = 2/3 R_D(b^2, c^2, a^2).
 inline double FieldSlope(double Q, double a, double b, double c) {
   return kCoulomb * Q * CarlsonRD(b * b, c * c, a * a);
+}
+
+// A solver (0 FFT, 1 S-PICNIC, 2 IGF) on nx x ny x nz nodes with cells h, its mesh and an empty beam.
+struct SolverCase {
+  Mesh mesh;
+  TestBeam beam{0, 0.0};
+  std::unique_ptr<PIC> pic;
+  SolverCase(int nx, int ny, int nz, const double h[3], int threads = 2, double method = 2.0) {
+    std::vector<int> grid = {nx, ny, nz};
+    mesh.Initial(grid, 0);
+    std::vector<double> p = Parameters(method, 3.0, threads);
+    pic = std::make_unique<PIC>(mesh, beam.beam, p, 0);
+    SetCells(h);
+  }
+  void SetCells(const double h[3]) {
+    pic->hx = h[0], pic->hy = h[1], pic->hz = h[2];
+    pic->cellVolume = h[0] * h[1] * h[2];
+  }
+  // Node (i, j, k) sits at (i - N / 2 + 0.5) h, as Weight places it.
+  double X(int i, int axis) const {
+    const double h[3] = {pic->hx, pic->hy, pic->hz};
+    return (i - mesh.numOfGrid[axis] / 2.0 + 0.5) * h[axis];
+  }
+  void Fill(const std::function<double(int, int, int)>& charge) {
+    for (int i = 0; i < mesh.numOfGrid[0]; ++i)
+      for (int j = 0; j < mesh.numOfGrid[1]; ++j)
+        for (int k = 0; k < mesh.numOfGrid[2]; ++k) mesh.rho[mesh.Index(i, j, k)] = charge(i, j, k);
+    pic->Solve(mesh);
+  }
+};
+
+// Charge Q spread uniformly over the ellipsoid of semi-axes s at the mesh
+// centre: each node holds the part of its cell inside, from 8^3 sample
+// points in the cells that the surface crosses.
+inline std::function<double(int, int, int)> Ellipsoid(const SolverCase& c, const double s[3], double Q) {
+  const double density = Q / (4.0 / 3.0 * 3.141592653589793 * s[0] * s[1] * s[2]);
+  const double h[3] = {c.pic->hx, c.pic->hy, c.pic->hz};
+  const double reach = std::sqrt(std::pow(h[0] / s[0], 2) + std::pow(h[1] / s[1], 2) + std::pow(h[2] / s[2], 2)) / 2;
+  return [&c, s, h, density, reach](int i, int j, int k) {
+    const double x = c.X(i, 0), y = c.X(j, 1), z = c.X(k, 2);
+    const double u = std::sqrt(x * x / (s[0] * s[0]) + y * y / (s[1] * s[1]) + z * z / (s[2] * s[2]));
+    if (u + reach < 1.0) return density * h[0] * h[1] * h[2];
+    if (u - reach > 1.0) return 0.0;
+    int inside = 0;
+    for (int a = 0; a < 8; ++a)
+      for (int b = 0; b < 8; ++b)
+        for (int d = 0; d < 8; ++d) {
+          const double px = (x + ((a + 0.5) / 8 - 0.5) * h[0]) / s[0], py = (y + ((b + 0.5) / 8 - 0.5) * h[1]) / s[1],
+                       pz = (z + ((d + 0.5) / 8 - 0.5) * h[2]) / s[2];
+          inside += px * px + py * py + pz * pz < 1.0;
+        }
+    return density * h[0] * h[1] * h[2] * inside / 512.0;
+  };
 }
 
 }  // namespace pictest
