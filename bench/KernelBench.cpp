@@ -37,8 +37,8 @@ int main() {
     std::printf("%10d %14.3e %14.3e %9.2f\n", N, one, two, two / one);
   }
   // What a tracked slot costs: the record, its row of the previous state and
-  // its two crossing rows (vector header plus eight doubles each).
-  const std::size_t row = sizeof(std::vector<double>) + 8 * sizeof(double);
+  // its two crossing rows (eight doubles each).
+  const std::size_t row = 8 * sizeof(double);
   std::printf("memory per particle: %zu bytes (record %zu, previous %zu, crossing rows %zu)\n",
               sizeof(Particle) + sizeof(std::array<double, 6>) + 2 * row, sizeof(Particle),
               sizeof(std::array<double, 6>), 2 * row);

@@ -22,7 +22,7 @@ namespace {
 void MakeRows(Beam& beam, CrossingTable& rows, int N) {
   keldbench::MakeBunch(beam, N, 0.08, 0.01);
   keldbench::NormalSequence normal;
-  rows.assign(N + 1, std::vector<double>(8, 0.0));
+  rows.Reset(N + 1);
   const double charge = 0.01 / 352.2e6 / N;
   for (int i = 0; i < N; ++i) {
     const double gbz = 0.08 * (1.0 + 1e-3 * normal());

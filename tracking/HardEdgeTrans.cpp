@@ -81,7 +81,7 @@ void MapRows(const Map& map, double length, CrossingTable& rows, Beam& beam, int
     double sum = 0.0;
     long count = 0;
     for (int i = first; i < last; ++i) {
-      double* r = rows[i].data();
+      double* r = rows.Row(i);
       if (r[7] != 1.0) continue;
       StepRow<Map, Kick>(map, length, r, beam.particle[i]);
       if (Mean) {
@@ -150,7 +150,7 @@ void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTa
         MapRowsFor(mode, SolenoidMap{e.strength, length}, length, states, beam, threads, timeSum, aliveCount);
       break;
     case MapKind::kBend: {
-      const BendMap map = BendStep(e, zEnd - zStart, states[n][5], length);
+      const BendMap map = BendStep(e, zEnd - zStart, states.Row(n)[5], length);
       MapRowsFor(mode, map, length, states, beam, threads, timeSum, aliveCount);
       break;
     }
@@ -164,9 +164,11 @@ void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTa
     // The earliest time of the rows still carried. A particle lost before or
     // inside the section has a cleared row, whose time 0 would put the bunch
     // back to the start of the line.
-    for (int i = 0; i < n; ++i)
-      if (states[i][7] == 1.0) timeOut = std::min(timeOut, states[i][6]);
-    if (timeOut == 1e10) timeOut = states[n][6];  // nobody left: the reference's time
+    for (int i = 0; i < n; ++i) {
+      const double* r = states.Row(i);
+      if (r[7] == 1.0) timeOut = std::min(timeOut, r[6]);
+    }
+    if (timeOut == 1e10) timeOut = states.Row(n)[6];  // nobody left: the reference's time
   }
 }
 
@@ -175,7 +177,7 @@ void MethodMP::HardEdgeTrans(int element, CrossingTable& states, Beam& beam, Lat
   const MapKind kind = KindOf(e);
   if (kind == MapKind::kNone) return;
   const int n = beam.particleNumber;
-  double* r = states[n].data();
+  double* r = states.Row(n);
   Particle& p = beam.particle[n];
   double length = e.length;
   switch (kind) {
@@ -224,7 +226,7 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
     double local[6] = {0, 0, 0, 0, 0, 0};
     long localCount = 0;
     for (int i = first; i < last; ++i) {
-      const double* r = states[i].data();
+      const double* r = states.Row(i);
       if (r[7] != 1.0) continue;
       const RowMotion m = MotionOfRow(r);
       const double d = r[6] - time;
@@ -264,7 +266,7 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
     double lx = 0.0, ly = 0.0, lz = 0.0;
     for (int i = first; i < last; ++i) {
-      if (states[i][7] != 1.0) continue;
+      if (states.Row(i)[7] != 1.0) continue;
       const double* rel = beam.particle[i].relativeCoordinate;
       const double dx = rel[0] - a[0], dy = rel[2] - a[2], dz = gz * (rel[4] - a[4]);
       lx += dx * dx;

@@ -107,7 +107,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
       const double stop = stopZ[p.indexPlane];
       if (z >= stop && planeZ >= stop) {
         const double f = (stop - old[4]) / (z - old[4]);
-        std::vector<double>& row = planeCrossing[i];
+        double* row = planeCrossing.Row(i);
         for (int k = 0; k < 6; ++k) row[k] = old[k] + (q[k] - old[k]) * f;
         row[6] = time + (f - 1.0) * dt;
         row[7] = 1.0;
@@ -119,7 +119,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
     if (curvedPlane && lattice.element[p.indexElem]->outputMark != 0 && curveCrossing[i][7] == 0.0) {
       double at[6], f;
       if (planeFrame.Crossing(lattice.zStart[p.indexElem], old.data(), q, at, f)) {
-        std::vector<double>& row = curveCrossing[i];
+        double* row = curveCrossing.Row(i);
         for (int k = 0; k < 6; ++k) row[k] = at[k];
         row[6] = time + (f - 1.0) * dt;
         row[7] = 1.0;

@@ -28,7 +28,7 @@ struct Bunch {
   Beam beam;
   std::unique_ptr<Particle[]> store;
   CrossingTable rows;
-  explicit Bunch(int n) : store(new Particle[n + 1]()), rows(n + 1, std::vector<double>(8, 0.0)) {
+  explicit Bunch(int n) : store(new Particle[n + 1]()), rows(n + 1) {
     beam.particleNumber = n;
     beam.particle = store.get();
     for (int i = 0; i <= n; ++i) store[i].chargeMassRatio = kRatio;
@@ -38,7 +38,7 @@ struct Bunch {
     rows[i] = {x, xp * gbz, y, yp * gbz, 0.0, gbz, t, 1.0};
   }
   std::vector<double> Slopes(int i) const {
-    const std::vector<double>& r = rows[i];
+    const ConstCrossingRow r = rows[i];
     return {r[0], r[1] / r[5], r[2], r[3] / r[5]};
   }
 };
@@ -89,7 +89,7 @@ TEST(HardEdgeMap, QuadrupoleMatchesThickLensMatrix) {
     double timeOut = 0.0;
     e.mp.HardEdgeTrans(0, 0.0, L, b.rows, b.beam, lattice, kick, timeOut);
     for (int i = 0; i < 2; ++i) {
-      const std::vector<double>& r = before[i];
+      const ConstCrossingRow r = before[i];
       const double gbz = r[5], gbx = r[1], gby = r[3];
       const double gamma = std::sqrt(1.0 + gbx * gbx + gby * gby + gbz * gbz), beta = std::sqrt(1.0 - 1.0 / gamma / gamma);
       const double k = std::sqrt(std::fabs(kRatio * G / (kC * gamma * beta)));
@@ -198,7 +198,7 @@ TEST(HardEdgeMap, KickModeAndTimeOut) {
   b.Set(1, 0.0, 1e-3, 0.0, 0.0, 0.08, 6e-8);
   b.rows[2] = {1, 2, 3, 4, 5, 6, 1e-9, 0.999999};
   b.Set(3, 0.0, 0.0, 0.0, 0.0, 0.08);
-  const std::vector<double> dead = b.rows[2];
+  const std::vector<double> dead = b.rows[2].Values();
   int kick = 2;
   double timeOut = -1.0;
   e.mp.HardEdgeTrans(0, 0.0, 0.1, b.rows, b.beam, lattice, kick, timeOut);
@@ -238,7 +238,7 @@ TEST(HardEdgeMap, ReferenceRowCrossesTheWholeElement) {
   Bunch b(1);
   b.Set(0, 1e-3, 1e-3, 1e-3, 1e-3, 0.08, 1e-8);
   b.Set(1, 0.0, 0.0, 0.0, 0.0, 0.08, 2e-8);
-  const std::vector<double> particle = b.rows[0];
+  const std::vector<double> particle = b.rows[0].Values();
   e.mp.HardEdgeTrans(0, b.rows, b.beam, lattice);
   const double vz = MotionOfRow(b.rows[1].data()).vz;
   EXPECT_DOUBLE_EQ(b.rows[1][6], 2e-8 + 0.2 / vz);

@@ -16,7 +16,7 @@ struct Kernel {
   Lattice lattice;
   std::vector<Particle> p = std::vector<Particle>(41);
   Beam beam;
-  CrossingTable planeCrossing = CrossingTable(41, std::vector<double>(8, 0.0)), curveCrossing = planeCrossing;
+  CrossingTable planeCrossing = CrossingTable(41), curveCrossing = planeCrossing;
   PreviousTable previous = PreviousTable(41);
   std::vector<RangeAccumulator> acc = std::vector<RangeAccumulator>(5);
   ErrorSample sample;
