@@ -5,6 +5,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 #include "tracking/MethodMP.h"
@@ -34,7 +35,9 @@ void Block(int n, int t, int T, int& first, int& last) {
 // slopes of the particle record.
 template <class Map>
 inline void MapRow(const Map& map, double* r, Particle& p, const RowMotion& m) {
-  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, m, p.chargeMassRatio);
+  double phase;
+  const double k = map.Strength(m, p.chargeMassRatio, phase);
+  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, k, Map::Angles(phase), p.chargeMassRatio);
   r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
   double* q = p.coordinate;
   q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp;
@@ -50,12 +53,17 @@ inline void MapRow<BendMap>(const BendMap& map, double* r, Particle& p, const Ro
   q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp, q[4] = zTerm, q[5] = r[5];
 }
 
-// One step of one alive row: optional space-charge kick over twice the last
-// step's flight time, the flight time of this step, the map.
+// The space-charge kick over twice the last step's flight time (entry 4).
+inline double KickFactor(double chargeMassRatio, double flightTime) {
+  return 2.0 * (chargeMassRatio / kLightSpeed) * flightTime;
+}
+
+// One step of one alive row: optional space-charge kick, the flight time of
+// this step, the map.
 template <class Map, bool Kick>
 inline void StepRow(const Map& map, double length, double* r, Particle& p) {
   if (Kick) {
-    const double f = 2.0 * (p.chargeMassRatio / kLightSpeed) * r[4];
+    const double f = KickFactor(p.chargeMassRatio, r[4]);
     const double* E = p.spaceChargeField;
     r[1] += f * E[0];
     r[3] += f * E[1];
@@ -65,6 +73,80 @@ inline void StepRow(const Map& map, double length, double* r, Particle& p) {
   r[4] = length / m.vz;
   r[6] += r[4];
   MapRow(map, r, p, m);
+}
+
+// The rows are mapped in batches: the arithmetic of a batch runs in loops
+// without calls, which the compiler packs two particles to an instruction,
+// and the library's sine, cosine and expm1 in a loop of their own. Each
+// particle meets the same operations in the same order as on its own.
+constexpr int kBatch = 32;
+
+struct BatchScratch {
+  double ratio[kBatch], ex[kBatch], ey[kBatch], ez[kBatch];
+  double px[kBatch], py[kBatch], pz[kBatch];
+  double gamma[kBatch], beta[kBatch], xp[kBatch], yp[kBatch], flight[kBatch];
+  double strength[kBatch], phase[kBatch];
+  MapAngles angles[kBatch];
+  double x1[kBatch], xp1[kBatch], y1[kBatch], yp1[kBatch], zTerm[kBatch];
+};
+
+// Rows [0, count) of `rows` (kWidth values apart) and their records.
+template <class Map, bool Kick>
+void MapBatch(const Map& map, double length, double* rows, Particle* particles, int count, BatchScratch& s) {
+  constexpr int W = CrossingTable::kWidth;
+  constexpr bool kBend = std::is_same<Map, BendMap>::value;
+  for (int j = 0; j < count; ++j) {
+    const Particle& p = particles[j];
+    s.ratio[j] = p.chargeMassRatio;
+    if (Kick) s.ex[j] = p.spaceChargeField[0], s.ey[j] = p.spaceChargeField[1], s.ez[j] = p.spaceChargeField[2];
+  }
+  // Kick, kinematics, strength. Rows that are not carried are computed too
+  // and dropped at the end: a branch would keep the loop from packing.
+#pragma omp simd
+  for (int j = 0; j < count; ++j) {
+    const double* r = rows + W * j;
+    double px = r[1], py = r[3], pz = r[5];
+    if (Kick) {
+      const double f = KickFactor(s.ratio[j], r[4]);
+      px += f * s.ex[j];
+      py += f * s.ey[j];
+      pz += f * s.ez[j];
+    }
+    const RowMotion m = Motion(px, py, pz);
+    s.px[j] = px, s.py[j] = py, s.pz[j] = pz;
+    s.gamma[j] = m.gamma, s.beta[j] = m.beta, s.xp[j] = m.xp, s.yp[j] = m.yp;
+    s.flight[j] = length / m.vz;
+    if constexpr (!kBend) s.strength[j] = map.Strength(m, s.ratio[j], s.phase[j]);
+  }
+  if constexpr (!kBend) {
+    if (Map::kAngles)
+      for (int j = 0; j < count; ++j) s.angles[j] = rows[W * j + 7] == 1.0 ? Map::Angles(s.phase[j]) : MapAngles{};
+  }
+#pragma omp simd
+  for (int j = 0; j < count; ++j) {
+    const double* r = rows + W * j;
+    const Slopes u = {r[0], s.xp[j], r[2], s.yp[j]};
+    Slopes o;
+    if constexpr (kBend) {
+      RowMotion m;
+      m.gamma = s.gamma[j], m.beta = s.beta[j];
+      o = map.Apply(u, m, s.pz[j], s.zTerm[j]);
+    } else {
+      o = map.Apply(u, s.strength[j], s.angles[j], s.ratio[j]);
+    }
+    s.x1[j] = o.x, s.xp1[j] = o.xp, s.y1[j] = o.y, s.yp1[j] = o.yp;
+  }
+  for (int j = 0; j < count; ++j) {
+    double* r = rows + W * j;
+    if (r[7] != 1.0) continue;
+    const double pz = s.pz[j];
+    r[4] = s.flight[j];
+    r[6] += r[4];
+    r[0] = s.x1[j], r[1] = s.xp1[j] * pz, r[2] = s.y1[j], r[3] = s.yp1[j] * pz, r[5] = pz;
+    double* q = particles[j].coordinate;
+    q[0] = s.x1[j], q[1] = s.xp1[j], q[2] = s.y1[j], q[3] = s.yp1[j];
+    if constexpr (kBend) q[4] = s.zTerm[j], q[5] = pz;
+  }
 }
 
 // One parallel region over the bunch's rows. With Mean, the times of the
@@ -78,16 +160,19 @@ void MapRows(const Map& map, double length, CrossingTable& rows, Beam& beam, int
   {
     int first, last;
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
+    BatchScratch scratch;
     double sum = 0.0;
     long count = 0;
-    for (int i = first; i < last; ++i) {
-      double* r = rows.Row(i);
-      if (r[7] != 1.0) continue;
-      StepRow<Map, Kick>(map, length, r, beam.particle[i]);
-      if (Mean) {
-        sum += r[6];
-        ++count;
-      }
+    for (int i = first; i < last; i += kBatch) {
+      const int size = std::min(kBatch, last - i);
+      MapBatch<Map, Kick>(map, length, rows.Row(i), beam.particle + i, size, scratch);
+      if (Mean)
+        for (int j = 0; j < size; ++j) {
+          const double* r = rows.Row(i + j);
+          if (r[7] != 1.0) continue;
+          sum += r[6];
+          ++count;
+        }
     }
     if (Mean) {
 #pragma omp atomic
