@@ -109,6 +109,13 @@ void PIC::Initial(Mesh& mesh, Beam& beam, std::vector<double>& parameters) {
   }
 }
 
+void PlanTransformsOnThreads(int threads) {
+  // Once per process, before the first plan; FFTW keeps its workers between
+  // transforms, idle ones asleep.
+  static const bool ready = fftw_init_threads() != 0;
+  fftw_plan_with_nthreads(ready ? std::max(threads, 1) : 1);
+}
+
 void PIC::MakeFFTPlans() {
   const std::size_t nodes = static_cast<std::size_t>(nx) * ny * nz;
   realA = static_cast<double*>(fftw_malloc(sizeof(double) * nodes));
@@ -117,7 +124,10 @@ void PIC::MakeFFTPlans() {
   complexB = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   complexC = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   if (!realA || !realB || !complexA || !complexB || !complexC) throw std::bad_alloc();
-  // DST-I on both transverse axes of each z column; complex DFT along z.
+  // DST-I on both transverse axes of each z column; complex DFT along z. The
+  // transforms take the threads of the field phase; FFTW's planner measures
+  // and keeps a split only where it pays.
+  PlanTransformsOnThreads(multithread == 1 ? threadPlan[8] : 1);
   int sine[2] = {nx, ny};
   const fftw_r2r_kind kinds[2] = {FFTW_RODFT00, FFTW_RODFT00};
   planSineForward = fftw_plan_many_r2r(2, sine, nz, realA, sine, nz, 1, realB, sine, nz, 1, kinds, 0);
@@ -126,6 +136,7 @@ void PIC::MakeFFTPlans() {
   planDftForward = fftw_plan_many_dft(1, line, nx * ny, complexA, line, 1, nz, complexB, line, 1, nz, FFTW_FORWARD, 0);
   planDftBackward =
       fftw_plan_many_dft(1, line, nx * ny, complexB, line, 1, nz, complexC, line, 1, nz, FFTW_BACKWARD, 0);
+  PlanTransformsOnThreads(1);
   eigenX.assign(nx, 0.0);
   eigenY.assign(ny, 0.0);
   eigenZ.assign(nz, 0.0);

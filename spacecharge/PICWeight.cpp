@@ -150,13 +150,15 @@ void Calculate_Weight(Beam& beam, Mesh& mesh, std::vector<double>& weights, std:
 void PIC::Allocate(Mesh& mesh, Beam& beam) {
   const auto start = std::chrono::system_clock::now();
   const double totalCharge = inMeshCount * beam.particle[0].charge;
-  const std::size_t nodes = mesh.NodeCount();
-  double* field = mesh.fieldXYZ.data();
-  for (std::size_t n = 0; n < nodes; ++n) {
-    field[3 * n] = mesh.ex[n];
-    field[3 * n + 1] = mesh.ey[n];
-    field[3 * n + 2] = mesh.ez[n];
-  }
+  const std::size_t plane = static_cast<std::size_t>(ny) * nz;
+  ForPlaneBlocks(multithread == 1 ? threadPlan[9] : 1, [&mesh, plane](int iFirst, int iEnd) {
+    double* field = mesh.fieldXYZ.data();
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) {
+      field[3 * n] = mesh.ex[n];
+      field[3 * n + 1] = mesh.ey[n];
+      field[3 * n + 2] = mesh.ez[n];
+    }
+  });
   if (multithread == 1) {
     for (int t = 0; t < threadPlan[9]; ++t)
       pool.enqueue(Calculate_Allocate, std::ref(beam), std::ref(mesh), std::ref(weight), gamma, totalCharge,
