@@ -79,7 +79,7 @@ class PIC {
   std::vector<int> tabulationRanges;         // bounds of the (di, dj) pairs of each table task, in row order
   std::vector<int> convolutionRanges;        // bounds of the upper-quarter (i, j) pairs of each convolution task
   std::vector<std::vector<double>> taskPhi;  // correction potential of each convolution task
-  std::vector<std::vector<double>> taskSum;  // one line of k sums per convolution task
+  std::vector<std::vector<double>> taskSum;  // kPairGroup lines of k sums per convolution task
   std::vector<double> foldedRho;             // the charge each node sees under the octant symmetry, thresholded
   std::vector<int> rowFirst, rowEnd;         // nonzero k span of each (a, b) row of foldedRho
 
@@ -135,6 +135,9 @@ class PIC {
     pool.wait_until_nothing_in_flight();
   }
 };
+
+// Pairs (i, j) summed together by one convolution task.
+constexpr int kPairGroup = 8;
 
 // Plans made after this call run their transforms on `threads` threads.
 void PlanTransformsOnThreads(int threads);
