@@ -77,6 +77,7 @@ bench: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DKELD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 	@for b in $(BUILD)/bench/keld_bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@scripts/bench-cavity $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) out
