@@ -136,6 +136,8 @@ void Calculate_Weight(Beam& beam, Mesh& mesh, std::vector<double>& weights, std:
     const double dz[2] = {std::fabs(z - nodeZ[k + 1]), std::fabs(z - nodeZ[k])};
     const double q = particle.charge;
     double* corner = rho + (static_cast<std::size_t>(i) * sx + static_cast<std::size_t>(j) * sy + k);
+    // Unrolled: the corner offsets become constants.
+#pragma GCC unroll 8
     for (int n = 0; n < 8; ++n) {
       const int a = n & 1, b = (n >> 1) & 1, c = n >> 2;
       w[n] = dx[a] * dy[b] * dz[c] / cellVolume;
@@ -207,6 +209,7 @@ void Calculate_Allocate(Beam& beam, Mesh& mesh, std::vector<double>& weights, do
     const std::size_t base = static_cast<std::size_t>(cell[0]) * sx + static_cast<std::size_t>(cell[1]) * sy + cell[2];
     const double* w = &weights[8 * static_cast<std::size_t>(p)];
     double sumX = 0.0, sumY = 0.0, sumZ = 0.0;
+#pragma GCC unroll 8
     for (int n = 0; n < 8; ++n) {
       const double* e = field + 3 * (base + (n & 1) * sx + ((n >> 1) & 1) * sy + (n >> 2));
       sumX += w[n] * e[0];
