@@ -19,6 +19,7 @@ struct PushBlock {
   // Slot j of the block: its coordinates, field in force and ratio q/m.
   void Set(int j, const double* c, const double* field, double chargeMassRatio) {
     x[j] = c[0], px[j] = c[1], y[j] = c[2], py[j] = c[3], z[j] = c[4], pz[j] = c[5];
+#pragma GCC unroll 6
     for (int k = 0; k < 6; ++k) f[k][j] = field[k];
     ratio[j] = chargeMassRatio;
   }
@@ -87,6 +88,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
         const double d = (rel[5] - a[5]) / rel[5];
         acc.sumRestLength += (gamma * dz) * (gamma * dz);
         const double v[6] = {dx, xp, dy, yp, dz, d};
+#pragma GCC unroll 6
         for (int k = 0; k < 6; ++k) {
           acc.absMax[k] = std::max(acc.absMax[k], std::fabs(v[k]));
           acc.sumSquare[k] += v[k] * v[k];
@@ -98,6 +100,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
 
       // 2. Field in force: the tail drifts field-free up to the start plane.
       if (driveAll || q[4] > startPlane) {
+#pragma GCC unroll 6
         for (int k = 0; k < 6; ++k) p.totalField[k] = p.externalField[k] + p.spaceChargeField[k];
       } else {
         for (int k = 0; k < 6; ++k) p.totalField[k] = 0.0;
@@ -105,6 +108,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
 
       // 3. State before the push, for interpolated crossings.
       std::array<double, 6>& old = previous[i];
+#pragma GCC unroll 6
       for (int k = 0; k < 6; ++k) old[k] = q[k];
       block.Set(i - blockFirst, q, p.totalField, p.chargeMassRatio);
     }
@@ -178,6 +182,7 @@ void TcodeTrans(Lattice& lattice, Beam& beam, double startPlane, ErrorSample& sa
       // 10. Sums of the state after the push.
       if (p.lost != 1 && i != reference) {
         ++acc.aliveCount;
+#pragma GCC unroll 6
         for (int k = 0; k < 6; ++k) acc.sumValue[k] += rel[k];
       }
       if (i != reference && p.indexPlane == 1) ++acc.passedCount;
