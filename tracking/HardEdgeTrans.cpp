@@ -310,20 +310,35 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
     double local[6] = {0, 0, 0, 0, 0, 0};
     long localCount = 0;
-    for (int i = first; i < last; ++i) {
-      const double* r = states.Row(i);
-      if (r[7] != 1.0) continue;
-      const RowMotion m = MotionOfRow(r);
-      const double d = r[6] - time;
-      double* rel = beam.particle[i].relativeCoordinate;
-      rel[0] = r[0] - d * (r[1] / m.gamma) * c;
-      rel[1] = r[1];
-      rel[2] = r[2] - d * (r[3] / m.gamma) * c;
-      rel[3] = r[3];
-      rel[4] = -d * m.vz;
-      rel[5] = r[5];
-      for (int k = 0; k < 6; ++k) local[k] += rel[k];
-      ++localCount;
+    // In batches, as the maps: the kinematics side by side, then the records
+    // and the sums row by row in their order.
+    double x[kBatch], y[kBatch], z[kBatch];
+    for (int i = first; i < last; i += kBatch) {
+      const int size = std::min(kBatch, last - i);
+      const double* rows = states.Row(i);
+#pragma omp simd
+      for (int j = 0; j < size; ++j) {
+        const double* r = rows + CrossingTable::kWidth * j;
+        const RowMotion m = MotionOfRow(r);
+        const double d = r[6] - time;
+        x[j] = r[0] - d * (r[1] / m.gamma) * c;
+        y[j] = r[2] - d * (r[3] / m.gamma) * c;
+        z[j] = -d * m.vz;
+      }
+      for (int j = 0; j < size; ++j) {
+        const double* r = rows + CrossingTable::kWidth * j;
+        if (r[7] != 1.0) continue;
+        double* rel = beam.particle[i + j].relativeCoordinate;
+        rel[0] = x[j];
+        rel[1] = r[1];
+        rel[2] = y[j];
+        rel[3] = r[3];
+        rel[4] = z[j];
+        rel[5] = r[5];
+#pragma GCC unroll 6
+        for (int k = 0; k < 6; ++k) local[k] += rel[k];
+        ++localCount;
+      }
     }
     for (int k = 0; k < 6; ++k) {
 #pragma omp atomic
