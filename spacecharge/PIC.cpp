@@ -157,10 +157,12 @@ void PIC::MakeFFTPlans() {
   complexB = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   complexC = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   if (!realA || !realB || !complexA || !complexB || !complexC) throw std::bad_alloc();
-  // DST-I on both transverse axes of each z column; complex DFT along z. The
-  // transforms take the threads of the field phase; FFTW's planner measures
-  // and keeps a split only where it pays.
-  PlanTransformsOnThreads(multithread == 1 ? threadPlan[8] : 1);
+  // DST-I on both transverse axes of each z column; complex DFT along z. On a
+  // mesh worth splitting the transforms take the threads of the field phase;
+  // FFTW's planner measures and keeps a split only where it pays. A split plan
+  // may round differently from a serial one, in the last bits.
+  const bool split = multithread == 1 && static_cast<long>(nodes) >= kNodesPerTask;
+  PlanTransformsOnThreads(split ? threadPlan[8] : 1);
   int sine[2] = {nx, ny};
   const fftw_r2r_kind kinds[2] = {FFTW_RODFT00, FFTW_RODFT00};
   planSineForward = fftw_plan_many_r2r(2, sine, nz, realA, sine, nz, 1, realB, sine, nz, 1, kinds, 0);
