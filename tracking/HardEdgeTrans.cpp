@@ -36,7 +36,7 @@ void Block(int n, int t, int T, int& first, int& last) {
 template <class Map>
 inline void MapRow(const Map& map, double* r, Particle& p, const RowMotion& m) {
   double phase;
-  const double k = map.Strength(m, p.chargeMassRatio, phase);
+  const double k = map.Strength(m.gamma, m.beta, p.chargeMassRatio, phase);
   const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, k, Map::Angles(phase), p.chargeMassRatio);
   r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
   double* q = p.coordinate;
@@ -82,57 +82,74 @@ inline void StepRow(const Map& map, double length, double* r, Particle& p) {
 constexpr int kBatch = 32;
 
 struct BatchScratch {
-  double ratio[kBatch], ex[kBatch], ey[kBatch], ez[kBatch];
-  double px[kBatch], py[kBatch], pz[kBatch];
+  double ratio[kBatch], ex[kBatch], ey[kBatch], ez[kBatch], flight0[kBatch];
+  double x0[kBatch], y0[kBatch], px[kBatch], py[kBatch], pz[kBatch];
   double gamma[kBatch], beta[kBatch], xp[kBatch], yp[kBatch], flight[kBatch];
-  double strength[kBatch], phase[kBatch];
-  MapAngles angles[kBatch];
+  double strength[kBatch], phase[kBatch], cosine[kBatch], sine[kBatch], expm1[kBatch];
   double x1[kBatch], xp1[kBatch], y1[kBatch], yp1[kBatch], zTerm[kBatch];
 };
 
-// Rows [0, count) of `rows` (kWidth values apart) and their records.
+// Rows [0, count) of `rows` (kWidth values apart) and their records. The
+// values are first laid out side by side, so that the packed loops read
+// plain arrays. The records are large and read for a value or two each: the
+// lines of the next batch's records (`ahead` of them) are asked for on the way.
 template <class Map, bool Kick>
-void MapBatch(const Map& map, double length, double* rows, Particle* particles, int count, BatchScratch& s) {
+void MapBatch(const Map& map, double length, double* rows, Particle* particles, int count, int ahead,
+              BatchScratch& s) {
   constexpr int W = CrossingTable::kWidth;
   constexpr bool kBend = std::is_same<Map, BendMap>::value;
   for (int j = 0; j < count; ++j) {
+    if (j < ahead) {
+      const Particle& next = particles[kBatch + j];
+      __builtin_prefetch(&next.chargeMassRatio);
+      __builtin_prefetch(next.coordinate, 1);
+      if (Kick) __builtin_prefetch(next.spaceChargeField);
+    }
     const Particle& p = particles[j];
+    const double* r = rows + W * j;
     s.ratio[j] = p.chargeMassRatio;
-    if (Kick) s.ex[j] = p.spaceChargeField[0], s.ey[j] = p.spaceChargeField[1], s.ez[j] = p.spaceChargeField[2];
+    s.x0[j] = r[0], s.px[j] = r[1], s.y0[j] = r[2], s.py[j] = r[3], s.pz[j] = r[5];
+    if (Kick) {
+      s.ex[j] = p.spaceChargeField[0], s.ey[j] = p.spaceChargeField[1], s.ez[j] = p.spaceChargeField[2];
+      s.flight0[j] = r[4];
+    }
   }
   // Kick, kinematics, strength. Rows that are not carried are computed too
   // and dropped at the end: a branch would keep the loop from packing.
 #pragma omp simd
   for (int j = 0; j < count; ++j) {
-    const double* r = rows + W * j;
-    double px = r[1], py = r[3], pz = r[5];
+    double px = s.px[j], py = s.py[j], pz = s.pz[j];
     if (Kick) {
-      const double f = KickFactor(s.ratio[j], r[4]);
+      const double f = KickFactor(s.ratio[j], s.flight0[j]);
       px += f * s.ex[j];
       py += f * s.ey[j];
       pz += f * s.ez[j];
     }
     const RowMotion m = Motion(px, py, pz);
-    s.px[j] = px, s.py[j] = py, s.pz[j] = pz;
+    s.pz[j] = pz;
     s.gamma[j] = m.gamma, s.beta[j] = m.beta, s.xp[j] = m.xp, s.yp[j] = m.yp;
     s.flight[j] = length / m.vz;
-    if constexpr (!kBend) s.strength[j] = map.Strength(m, s.ratio[j], s.phase[j]);
+    if constexpr (!kBend) s.strength[j] = map.Strength(m.gamma, m.beta, s.ratio[j], s.phase[j]);
   }
   if constexpr (!kBend) {
     if (Map::kAngles)
-      for (int j = 0; j < count; ++j) s.angles[j] = rows[W * j + 7] == 1.0 ? Map::Angles(s.phase[j]) : MapAngles{};
+      for (int j = 0; j < count; ++j) {
+        const MapAngles a = rows[W * j + 7] == 1.0 ? Map::Angles(s.phase[j]) : MapAngles{};
+        s.cosine[j] = a.c, s.sine[j] = a.s, s.expm1[j] = a.e;
+      }
   }
 #pragma omp simd
   for (int j = 0; j < count; ++j) {
-    const double* r = rows + W * j;
-    const Slopes u = {r[0], s.xp[j], r[2], s.yp[j]};
+    const Slopes u = {s.x0[j], s.xp[j], s.y0[j], s.yp[j]};
     Slopes o;
     if constexpr (kBend) {
       RowMotion m;
       m.gamma = s.gamma[j], m.beta = s.beta[j];
       o = map.Apply(u, m, s.pz[j], s.zTerm[j]);
     } else {
-      o = map.Apply(u, s.strength[j], s.angles[j], s.ratio[j]);
+      MapAngles a;
+      if (Map::kAngles) a.c = s.cosine[j], a.s = s.sine[j], a.e = s.expm1[j];
+      o = map.Apply(u, s.strength[j], a, s.ratio[j]);
     }
     s.x1[j] = o.x, s.xp1[j] = o.xp, s.y1[j] = o.y, s.yp1[j] = o.yp;
   }
@@ -165,7 +182,8 @@ void MapRows(const Map& map, double length, CrossingTable& rows, Beam& beam, int
     long count = 0;
     for (int i = first; i < last; i += kBatch) {
       const int size = std::min(kBatch, last - i);
-      MapBatch<Map, Kick>(map, length, rows.Row(i), beam.particle + i, size, scratch);
+      const int ahead = std::max(0, std::min(kBatch, last - i - kBatch));
+      MapBatch<Map, Kick>(map, length, rows.Row(i), beam.particle + i, size, ahead, scratch);
       if (Mean)
         for (int j = 0; j < size; ++j) {
           const double* r = rows.Row(i + j);

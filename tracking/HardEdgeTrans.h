@@ -46,7 +46,8 @@ inline void HyperbolicFromExpm1(double em, double& ch, double& sh) {
 }
 
 // Each map below is applied in three stages: Strength (arithmetic: the
-// particle's focusing strength and phase advance), Angles (the library calls),
+// particle's focusing strength and phase advance from its gamma, beta and
+// q/m; plain values, so that a loop of it packs), Angles (the library calls),
 // Apply (arithmetic: the transfer matrix on the point). kAngles says whether
 // the map has per-particle angles at all.
 
@@ -55,7 +56,7 @@ inline void HyperbolicFromExpm1(double em, double& ch, double& sh) {
 struct DriftMap {
   static constexpr bool kAngles = false;
   double length;
-  double Strength(const RowMotion&, double, double& phase) const { return phase = 0.0; }
+  double Strength(double, double, double, double& phase) const { return phase = 0.0; }
   static MapAngles Angles(double) { return {}; }
   Slopes Apply(const Slopes& u, double, const MapAngles&, double) const {
     return {u.x + u.xp * length, u.xp, u.y + u.yp * length, u.yp};
@@ -68,8 +69,8 @@ struct QuadMap {
   static constexpr bool kAngles = true;
   double gradient;
   double length;
-  double Strength(const RowMotion& m, double chargeMassRatio, double& phase) const {
-    const double k = std::sqrt(std::fabs(gradient / (m.gamma * constants::kLightSpeed * m.beta / chargeMassRatio)));
+  double Strength(double gamma, double beta, double chargeMassRatio, double& phase) const {
+    const double k = std::sqrt(std::fabs(gradient / (gamma * constants::kLightSpeed * beta / chargeMassRatio)));
     phase = k * length;
     return k;
   }
@@ -93,8 +94,8 @@ struct SolenoidMap {
   static constexpr bool kAngles = true;
   double field;
   double length;
-  double Strength(const RowMotion& m, double chargeMassRatio, double& phase) const {
-    const double K = field * chargeMassRatio / (599584916.0 * m.beta * m.gamma);
+  double Strength(double gamma, double beta, double chargeMassRatio, double& phase) const {
+    const double K = field * chargeMassRatio / (599584916.0 * beta * gamma);
     phase = K * length;
     return K;
   }
