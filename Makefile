@@ -7,7 +7,7 @@ RUN_OUT    ?= out/basic
 # The Debian python3, which the Debian NumPy, Matplotlib, h5py and pytest serve.
 PYTHON     ?= $(shell [ -x /usr/bin/python3 ] && echo /usr/bin/python3 || echo python3)
 
-.PHONY: all deps build run run-fieldmap test test-release sanitize pytest fuzz bench clean
+.PHONY: all deps build programs run run-fieldmap test test-release sanitize pytest fuzz bench clean
 
 all: build
 
@@ -20,7 +20,14 @@ build: deps
 	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-plot
 	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-openpmd
 
-run: build
+# The library, keld and the tools without the test suite: what the examples run.
+programs: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target keld_programs
+	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-plot
+	@ln -sf "$(CURDIR)/python/keld-tool" $(BUILD)/keld-openpmd
+
+run: programs
 	@rm -rf $(RUN_OUT) && mkdir -p $(RUN_OUT)
 	@./$(BUILD)/keld $(EXAMPLE) $(RUN_OUT)
 	@echo
@@ -33,7 +40,7 @@ run: build
 
 # The field-map example: writes its quadrupole map with keld-fieldmap, runs it
 # into out/fieldmap/out/ and reports the losses on the pipe.
-run-fieldmap: build
+run-fieldmap: programs
 	@examples/fieldmap/run.sh $(BUILD) out/fieldmap
 
 # The whole suite, then the same suite under the address and undefined-
@@ -50,7 +57,7 @@ sanitize: deps
 	  ctest --output-on-failure -j $(JOBS)
 
 # The Python package's tests; they run keld once on a tiny deck.
-pytest: build
+pytest: programs
 	@cd python && PYTHONDONTWRITEBYTECODE=1 KELD_BINARY="$(abspath $(BUILD))/keld" \
 	  $(PYTHON) -m pytest -q -p no:cacheprovider tests
 
@@ -59,7 +66,7 @@ pytest: build
 # kept in out/fuzz/.
 FUZZ_COUNT ?= 2000
 FUZZ_MAPS  = fieldmap cavity errors secondary
-fuzz: build
+fuzz: programs
 	@rm -rf out/fuzz
 	@for e in $(FUZZ_MAPS); do examples/$$e/run.sh $(BUILD) out/fuzz-$$e > /dev/null; done
 	@$(PYTHON) scripts/fuzz-decks --count $(FUZZ_COUNT) --keld $(BUILD)/keld --report out/fuzz \
@@ -69,6 +76,7 @@ bench: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DKELD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j $(JOBS)
 	@for b in $(BUILD)/bench/keld_bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@scripts/bench-cavity $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) out

@@ -16,34 +16,39 @@ inline void BorisRotate(double tx, double ty, double tz, double& px, double& py,
   pz = d * ((ty + tx * tz / 2.0) * x + (ty * tz / 2.0 - tx) * y + ((tz2 - ty2 - tx2) * 0.25 + 1.0) * z);
 }
 
-// Relativistic Boris step of one particle from its totalField: half electric
-// kick, magnetic rotation with the full-step vector t = k B dt / gamma (no
-// tangent correction), half electric kick, drift. Particles with lost == 1
-// are left untouched by BorisPush. Shared by LeapFrog and the time-step kernel so that the
-// arithmetic exists once.
+// Relativistic Boris step of one particle: half electric kick, magnetic
+// rotation with the full-step vector t = k B dt / gamma (no tangent
+// correction), half electric kick, drift. On plain values, so that a batch of
+// particles can take it side by side; the same arithmetic serves LeapFrog,
+// the time-step kernel and the secondary run.
+inline void BorisKernel(double dt, double k, double ex, double ey, double ez, double bx, double by, double bz,
+                        double& x, double& px, double& y, double& py, double& z, double& pz) {
+  const double h = k / 299792458.0 * dt * 0.5;
+  px += h * ex;
+  py += h * ey;
+  pz += h * ez;
+
+  double g = std::sqrt(1.0 + px * px + py * py + pz * pz);
+  const double s = k * dt / g;
+  BorisRotate(s * bx, s * by, s * bz, px, py, pz);
+
+  px += h * ex;
+  py += h * ey;
+  pz += h * ez;
+
+  g = std::sqrt(1.0 + px * px + py * py + pz * pz);
+  const double v = 299792458.0 / g * dt;
+  x += v * px;
+  y += v * py;
+  z += v * pz;
+}
+
+// The step of one particle from its totalField. Particles with lost == 1 are
+// left untouched by BorisPush.
 inline void BorisStep(double dt, Particle& p) {
   double* c = p.coordinate;
   const double* f = p.totalField;
-  const double k = p.chargeMassRatio;
-
-  const double h = k / 299792458.0 * dt * 0.5;
-  c[1] += h * f[0];
-  c[3] += h * f[1];
-  c[5] += h * f[2];
-
-  double g = std::sqrt(1.0 + c[1] * c[1] + c[3] * c[3] + c[5] * c[5]);
-  const double s = k * dt / g;
-  BorisRotate(s * f[3], s * f[4], s * f[5], c[1], c[3], c[5]);
-
-  c[1] += h * f[0];
-  c[3] += h * f[1];
-  c[5] += h * f[2];
-
-  g = std::sqrt(1.0 + c[1] * c[1] + c[3] * c[3] + c[5] * c[5]);
-  const double v = 299792458.0 / g * dt;
-  c[0] += v * c[1];
-  c[2] += v * c[3];
-  c[4] += v * c[5];
+  BorisKernel(dt, p.chargeMassRatio, f[0], f[1], f[2], f[3], f[4], f[5], c[0], c[1], c[2], c[3], c[4], c[5]);
 }
 
 inline void BorisPush(double dt, Particle& p) {

@@ -45,15 +45,20 @@ template <int Count>
   const double* p = fieldM.field[m].data() + ((static_cast<std::ptrdiff_t>(k) * (ny + 1) + j) * (nx + 1) + i) * c + first;
   const double* corner[8] = {p, p - sx, p - sy, p - sy - sx, p - sz, p - sz - sx, p - sz - sy, p - sz - sy - sx};
   // Corner by corner, the components of a node side by side: each sum still
-  // runs over the corners in their order, and the inner loop is a short
-  // contiguous run that the compiler can pack.
+  // runs over the corners in their order. Unrolled, the sums stay in
+  // registers (a loop keeps them in memory, each corner waiting on the store
+  // of the last) and the compiler packs the components in pairs.
   double sum[Count];
+#pragma GCC unroll 6
   for (int q = 0; q < Count; ++q) sum[q] = 0.0;
+#pragma GCC unroll 8
   for (int n = 0; n < 8; ++n) {
     const double wn = weight[n];
     const double* node = corner[n];
+#pragma GCC unroll 6
     for (int q = 0; q < Count; ++q) sum[q] += wn * node[q];
   }
+#pragma GCC unroll 6
   for (int q = 0; q < Count; ++q) out[q] = sum[q];
   return true;
 }

@@ -1,5 +1,6 @@
 #include "beamline/RFQ.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -78,13 +79,22 @@ void RFQ::SetParameter(double start, std::vector<std::string> const& token) {
     cellStart.push_back(begin);
     cellEnd.push_back(begin + cell);
   }
+  endsAscend = std::is_sorted(cellEnd.begin(), cellEnd.end());
+  endsChecked = cellEnd.size();
   std::cout << "RFQ cell number : " << cellLength.size() << std::endl;
   std::cout << "RFQ length      : " << (cellEnd.empty() ? 0.0 : cellEnd.back() - cellStart.front()) << std::endl;
 }
 
 int RFQ::getEleNum(double z) {
-  for (std::size_t i = 0; i < cellEnd.size(); ++i)
-    if (!(z > cellEnd[i])) return static_cast<int>(i);
+  // Cells stand end to end, so their ends ascend and the first end not below
+  // z is found by halving; a table with a negative length is walked in order.
+  if (endsAscend && endsChecked == cellEnd.size()) {
+    const auto at = std::lower_bound(cellEnd.begin(), cellEnd.end(), z);
+    if (at != cellEnd.end()) return static_cast<int>(at - cellEnd.begin());
+  } else {
+    for (std::size_t i = 0; i < cellEnd.size(); ++i)
+      if (!(z > cellEnd[i])) return static_cast<int>(i);
+  }
   std::cout << "Particle in RFQ error: exceed the RFQ length but still in RFQ" << std::endl;
   return -1;
 }
@@ -94,13 +104,38 @@ double RFQ::getRadius(double z) {
   return i < 0 ? 1e99 : cellRadius[i];
 }
 
+void BesselPair(double x, double& i0, double& i1) {
+  // Term m of I0 is (x/2)^2m / (m!)^2, of I1 (x/2)^(2m+1) / (m! (m+1)!): each
+  // follows from the one before by a factor (x/2)^2 / (m m) or / (m (m+1)).
+  static const struct Steps {
+    double zero[20], one[20];
+    Steps() {
+      for (int m = 1; m < 20; ++m) zero[m] = 1.0 / (static_cast<double>(m) * m), one[m] = 1.0 / (m * (m + 1.0));
+    }
+  } steps;
+  const double half = x / 2.0, q = half * half;
+  double t0 = 1.0, t1 = half, s0 = 1.0, s1 = half;
+  for (int m = 1; m < 20; ++m) {
+    t0 *= q * steps.zero[m];
+    t1 *= q * steps.one[m];
+    s0 += t0;
+    s1 += t1;
+  }
+  i0 = s0;
+  i1 = s1;
+}
+
 // The gradient of (V / 2) times the eight-term potential of the cell. The
 // forms are kept exactly as the cell tables were fitted to them: A2 enters
 // Er with r^5 / a^6 and Etheta with (r / a)^6, A3 and A7 carry k in Er and Ez
 // but not in Etheta, and the alternating sign s is on all but the two purely
-// transverse terms.
-void RFQ::CellField(int i, double x, double y, double z, double& er, double& etheta, double& ez,
-                    double& theta) const {
+// transverse terms. Off the axis the multiples of k zc and theta come from
+// one sine and cosine each by the angle-sum rules, the powers by products and
+// the Bessel functions by the recurrence of their terms: the same values as
+// the library's pow and the series term by term, to a few units of the last
+// place.
+void RFQ::CellField(int i, double x, double y, double z, double& er, double& etheta, double& ez, double& cosTheta,
+                    double& sinTheta) const {
   const std::vector<double>& A = coefficient[i];
   const double V = std::fabs(cellVoltage[i]);
   const double a = cellRadius[i];
@@ -108,30 +143,37 @@ void RFQ::CellField(int i, double x, double y, double z, double& er, double& eth
   const double k = 3.141592653589793 / cellLength[i];
   const double s = i % 2 == 0 ? 1.0 : -1.0;
   const double r = std::sqrt(x * x + y * y);
-  theta = std::atan2(y, x);
   if (axisLimit > r) {
+    // atan2(0, 0) is 0: the direction is x, and the transverse field is 0.
+    const double theta = std::atan2(y, x);
+    cosTheta = std::cos(theta), sinTheta = std::sin(theta);
     er = 0.0;
     etheta = 0.0;
     ez = -(V / 2.0) * s * k * (A[1] * Bessin(0, k * r) * std::cos(k * zc) + 3.0 * A[6] * std::cos(3.0 * k * zc));
     return;
   }
   const double c1 = std::cos(k * zc), s1 = std::sin(k * zc);
-  const double c2 = std::cos(2.0 * k * zc), s2 = std::sin(2.0 * k * zc);
-  const double c3 = std::cos(3.0 * k * zc), s3 = std::sin(3.0 * k * zc);
-  const double cos2 = std::cos(2.0 * theta), sin2 = std::sin(2.0 * theta);
-  const double cos4 = std::cos(4.0 * theta), sin4 = std::sin(4.0 * theta);
-  const double cos6 = std::cos(6.0 * theta), sin6 = std::sin(6.0 * theta);
-  const double ra = r / a;
-  er = (V / 2.0) * (2.0 * A[0] * r / (a * a) * cos2 + 6.0 * A[2] * std::pow(r, 5) / std::pow(a, 6) * cos6 +
+  const double c2 = c1 * c1 - s1 * s1, s2 = 2.0 * s1 * c1;
+  const double c3 = c2 * c1 - s2 * s1, s3 = s2 * c1 + c2 * s1;
+  const double ct = x / r, st = y / r;
+  const double cos2 = ct * ct - st * st, sin2 = 2.0 * st * ct;
+  const double cos4 = cos2 * cos2 - sin2 * sin2, sin4 = 2.0 * sin2 * cos2;
+  const double cos6 = cos4 * cos2 - sin4 * sin2, sin6 = sin4 * cos2 + cos4 * sin2;
+  cosTheta = ct, sinTheta = st;
+  const double ra = r / a, a2 = a * a, r2 = r * r, ra2 = ra * ra;
+  const double r5 = r2 * r2 * r, a6 = a2 * a2 * a2, ra6 = ra2 * ra2 * ra2;
+  double i0, i1;
+  BesselPair(k * r, i0, i1);
+  er = (V / 2.0) * (2.0 * A[0] * r / a2 * cos2 + 6.0 * A[2] * r5 / a6 * cos6 +
                     s * k *
-                        (A[1] * Bessin(1, k * r) * s1 + 3.0 * A[6] * s3 + A[3] * s1 * cos4 + 3.0 * A[7] * s3 * cos4 +
+                        (A[1] * i1 * s1 + 3.0 * A[6] * s3 + A[3] * s1 * cos4 + 3.0 * A[7] * s3 * cos4 +
                          2.0 * A[4] * s2 * cos2 + 2.0 * A[5] * s2 * cos6));
-  etheta = -(V / (2.0 * r)) * (2.0 * A[0] * ra * ra * sin2 + 6.0 * A[2] * std::pow(ra, 6) * sin6 +
+  etheta = -(V / (2.0 * r)) * (2.0 * A[0] * ra2 * sin2 + 6.0 * A[2] * ra6 * sin6 +
                                s * (4.0 * A[3] * s1 * sin4 + 4.0 * A[7] * s3 * sin4 + 2.0 * A[4] * s2 * sin2 +
                                     6.0 * A[5] * s2 * sin6));
   ez = s * (V / 2.0) * k *
-       (A[1] * Bessin(0, k * r) * c1 + 3.0 * A[6] * c3 + A[3] * c1 * cos4 + 3.0 * A[7] * c3 * cos4 +
-        2.0 * A[4] * c2 * cos2 + 2.0 * A[5] * c2 * cos6);
+       (A[1] * i0 * c1 + 3.0 * A[6] * c3 + A[3] * c1 * cos4 + 3.0 * A[7] * c3 * cos4 + 2.0 * A[4] * c2 * cos2 +
+        2.0 * A[5] * c2 * cos6);
 }
 
 double RFQ::AxialAmplitude(int i, double z) const {
@@ -152,11 +194,11 @@ void RFQ::GetField(double t, Particle& particle, FieldMatrix const& fieldM) {
     for (int k = 0; k < 3; ++k) f[k] = zeroField[k], f[3 + k] = zeroField[k];
     return;
   }
-  double er, etheta, ez, theta;
-  CellField(i, c[0], c[2], c[4], er, etheta, ez, theta);
+  double er, etheta, ez, cosTheta, sinTheta;
+  CellField(i, c[0], c[2], c[4], er, etheta, ez, cosTheta, sinTheta);
   const double time = std::cos(Phase(frequency, t, fieldM.time, fieldM.phase, cavityIndex));
-  f[0] = (er * std::cos(theta) - etheta * std::sin(theta)) * time;
-  f[1] = (er * std::sin(theta) + etheta * std::cos(theta)) * time;
+  f[0] = (er * cosTheta - etheta * sinTheta) * time;
+  f[1] = (er * sinTheta + etheta * cosTheta) * time;
   f[2] = ez * time;
   for (int k = 0; k < 3; ++k) f[3 + k] = zeroField[k];
 }

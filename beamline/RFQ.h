@@ -9,6 +9,9 @@
 double Bessi0(double x);
 double Bessi1(double x);
 double Bessin(int n, double x);
+// I0(x) and I1(x) from the same twenty terms, each term from the one before:
+// the values of the series above to a few units of the last place.
+void BesselPair(double x, double& i0, double& i1);
 
 // A radio-frequency quadrupole as a chain of cells whose field follows from
 // eight multipole coefficients per cell (A0 to A7), read from the cell table
@@ -47,9 +50,15 @@ class RFQ : public Element {
   void GetSynField(double t, SynParticle& particle);
 
  private:
-  // The cell's field in cylindrical components, without the time factor.
-  void CellField(int cell, double x, double y, double z, double& er, double& etheta, double& ez,
-                 double& theta) const;
+  // Whether the cell ends that SetParameter read ascend, and how many there
+  // were: the lookup halves only over such a table.
+  bool endsAscend = false;
+  std::size_t endsChecked = 0;
+
+  // The cell's field in cylindrical components, without the time factor,
+  // and the direction of the point.
+  void CellField(int cell, double x, double y, double z, double& er, double& etheta, double& ez, double& cosTheta,
+                 double& sinTheta) const;
   // Amplitude of the on-axis Ez of a cell at z.
   double AxialAmplitude(int cell, double z) const;
 };

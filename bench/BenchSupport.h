@@ -70,8 +70,8 @@ class PooledPush {
  public:
   PooledPush(Lattice& lattice, Beam& beam, int threads, double referenceZ)
       : lattice_(lattice), beam_(beam), threads_(threads), pool_(threads), sums_(threads),
-        planeCrossing_(beam.particleNumber + 1, std::vector<double>(8, 0.0)),
-        curveCrossing_(beam.particleNumber + 1, std::vector<double>(8, 0.0)), previous_(beam.particleNumber + 1) {
+        planeCrossing_(beam.particleNumber + 1), curveCrossing_(beam.particleNumber + 1),
+        previous_(beam.particleNumber + 1) {
     reference_[4] = referenceZ;
     reference_[5] = 0.08;
     const long N = beam.particleNumber;

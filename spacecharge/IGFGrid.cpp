@@ -1,6 +1,7 @@
 // Buffers, plans and the units of work of the doubled-grid convolution with
 // the integrated Green's function.
 #include "spacecharge/IGFGrid.h"
+#include "spacecharge/PIC.h"
 
 #include <algorithm>
 #include <cmath>
@@ -107,6 +108,9 @@ void IGFGrid::Make(int nodesX, int nodesY, int nodesZ, int kernelTasks) {
   const int kernelStride = static_cast<int>(kernelPlane);
   const fftw_r2r_kind cosine = FFTW_REDFT00;
   fftw_complex* plane1 = spectrum + plane;
+  // The pool runs these plans line by line on its own threads: each plan is
+  // serial, whatever thread count the FFT solver's plans were made with.
+  PlanTransformsOnThreads(1);
   forwardZ = fftw_plan_many_dft_r2c(1, &n2z, ny, charge, nullptr, 1, n2z, plane1 + lineStride, nullptr, 1, stride,
                                     FFTW_MEASURE | AlignmentFlag(charge, ny * line) |
                                         AlignmentFlag(plane1 + lineStride, plane));

@@ -28,6 +28,24 @@ std::vector<int> SplitRanges(int count, int tasks) {
   return bounds;
 }
 
+// Bounds of `cost.size()` items cut into `tasks` contiguous runs of about
+// equal total cost.
+std::vector<int> SplitByCost(const std::vector<double>& cost, int tasks) {
+  const int wanted = std::max(tasks, 1);
+  double total = 0.0;
+  for (double c : cost) total += c;
+  std::vector<int> bounds(1, 0);
+  double sum = 0.0;
+  int item = 0;
+  const int count = static_cast<int>(cost.size());
+  for (int t = 1; t < wanted; ++t) {
+    while (item < count && sum + 0.5 * cost[item] < total * t / wanted) sum += cost[item++];
+    bounds.push_back(item);
+  }
+  bounds.push_back(count);
+  return bounds;
+}
+
 double UsableMemory() {
   double usable = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGE_SIZE));
   struct rlimit limit;
@@ -82,8 +100,23 @@ void PIC::Initial(Mesh& mesh, Beam& beam, std::vector<double>& parameters) {
   reachZ = static_cast<int>(std::lround(3.0 * nz / 4.0));
   nearLimit = static_cast<int>(std::ceil((nx / 2.0 + 1.0) * (nx / 2.0 + 1.0)));
   for (int k = 0; k < 3; ++k) integralGrid[k] = static_cast<int>(parameters[4 + k]);
-  tabulationRanges = SplitRanges(reachX * reachY, threadPlan[6]);
-  threadPlan[6] = static_cast<int>(tabulationRanges.size()) - 1;
+  // A kernel entry near the origin is a cell integral of many points, one
+  // further out a single point: the table tasks (as many as runs of equal
+  // length would make) get (di, dj) runs of equal cost. Each entry is its
+  // own, so the split changes no value.
+  std::vector<double> cost(static_cast<std::size_t>(std::max(reachX * reachY, 0)), 0.0);
+  const double cellPoints = std::max(1.0, static_cast<double>(parameters[4]) * parameters[5] * parameters[6]);
+  for (int di = 0; di < reachX; ++di)
+    for (int dj = 0; dj < reachY; ++dj) {
+      double& c = cost[static_cast<std::size_t>(di) * reachY + dj];
+      if (di > nx || dj > ny) continue;
+      for (int dk = 0; dk < std::min(reachZ, nz + 1); ++dk) {
+        const int s = di * di + dj * dj + dk * dk;
+        c += s != 0 && s <= nearLimit ? cellPoints : 1.0;
+      }
+    }
+  threadPlan[6] = static_cast<int>(SplitRanges(reachX * reachY, threadPlan[6]).size()) - 1;
+  tabulationRanges = SplitByCost(cost, threadPlan[6]);
   convolutionRanges = SplitRanges(nxHalf * nyHalf, threadPlan[7]);
   threadPlan[7] = static_cast<int>(convolutionRanges.size()) - 1;
 
@@ -105,11 +138,18 @@ void PIC::Initial(Mesh& mesh, Beam& beam, std::vector<double>& parameters) {
   } else {
     phiKernel.assign(static_cast<std::size_t>(2 * nx + 1) * (2 * ny + 1) * (2 * nz + 1), 0.0);
     taskPhi.assign(threadPlan[7], std::vector<double>(nodes, 0.0));
-    taskSum.assign(threadPlan[7], std::vector<double>(nz, 0.0));
+    taskSum.assign(threadPlan[7], std::vector<double>(static_cast<std::size_t>(kPairGroup) * nz, 0.0));
     foldedRho.assign(nodes, 0.0);
     rowFirst.assign(static_cast<std::size_t>(nx) * ny, 0);
     rowEnd.assign(static_cast<std::size_t>(nx) * ny, 0);
   }
+}
+
+void PlanTransformsOnThreads(int threads) {
+  // Once per process, before the first plan; FFTW keeps its workers between
+  // transforms, idle ones asleep.
+  static const bool ready = fftw_init_threads() != 0;
+  fftw_plan_with_nthreads(ready ? std::max(threads, 1) : 1);
 }
 
 void PIC::MakeFFTPlans() {
@@ -120,7 +160,12 @@ void PIC::MakeFFTPlans() {
   complexB = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   complexC = static_cast<fftw_complex*>(fftw_malloc(sizeof(fftw_complex) * nodes));
   if (!realA || !realB || !complexA || !complexB || !complexC) throw std::bad_alloc();
-  // DST-I on both transverse axes of each z column; complex DFT along z.
+  // DST-I on both transverse axes of each z column; complex DFT along z. On a
+  // mesh worth splitting the transforms take the threads of the field phase;
+  // FFTW's planner measures and keeps a split only where it pays. A split plan
+  // may round differently from a serial one, in the last bits.
+  const bool split = multithread == 1 && static_cast<long>(nodes) >= kNodesPerTask;
+  PlanTransformsOnThreads(split ? threadPlan[8] : 1);
   int sine[2] = {nx, ny};
   const fftw_r2r_kind kinds[2] = {FFTW_RODFT00, FFTW_RODFT00};
   planSineForward = fftw_plan_many_r2r(2, sine, nz, realA, sine, nz, 1, realB, sine, nz, 1, kinds, 0);
@@ -129,6 +174,7 @@ void PIC::MakeFFTPlans() {
   planDftForward = fftw_plan_many_dft(1, line, nx * ny, complexA, line, 1, nz, complexB, line, 1, nz, FFTW_FORWARD, 0);
   planDftBackward =
       fftw_plan_many_dft(1, line, nx * ny, complexB, line, 1, nz, complexC, line, 1, nz, FFTW_BACKWARD, 0);
+  PlanTransformsOnThreads(1);
   eigenX.assign(nx, 0.0);
   eigenY.assign(ny, 0.0);
   eigenZ.assign(nz, 0.0);

@@ -82,7 +82,7 @@ class PIC {
   std::vector<int> tabulationRanges;         // bounds of the (di, dj) pairs of each table task, in row order
   std::vector<int> convolutionRanges;        // bounds of the upper-quarter (i, j) pairs of each convolution task
   std::vector<std::vector<double>> taskPhi;  // correction potential of each convolution task
-  std::vector<std::vector<double>> taskSum;  // one line of k sums per convolution task
+  std::vector<std::vector<double>> taskSum;  // kPairGroup lines of k sums per convolution task
   std::vector<double> foldedRho;             // the charge each node sees under the octant symmetry, thresholded
   std::vector<int> rowFirst, rowEnd;         // nonzero k span of each (a, b) row of foldedRho
 
@@ -130,10 +130,18 @@ class PIC {
   // planes, as a static split would, and waits for all of them. The mesh
   // phases use the pool rather than an OpenMP team: the team's idle threads
   // spin after a region and would take the cores from the gather and the push
-  // that follow.
+  // that follow. Every node's result is its own, so the split changes no
+  // value; a mesh too small to be worth the hand-off to the pool runs on the
+  // calling thread.
+  static constexpr long kNodesPerTask = 65536;
   template <class F>
   void ForPlaneBlocks(int tasks, F task) {
-    const int count = std::max(std::min(tasks, nx), 1);
+    const long nodes = static_cast<long>(nx) * ny * nz;
+    const int count = static_cast<int>(std::max(std::min<long>({tasks, nx, nodes / kNodesPerTask}), 1L));
+    if (count == 1) {
+      task(0, nx);
+      return;
+    }
     for (int t = 0; t < count; ++t)
       pool.enqueue(task, static_cast<int>(static_cast<long>(nx) * t / count),
                    static_cast<int>(static_cast<long>(nx) * (t + 1) / count));
@@ -141,6 +149,12 @@ class PIC {
     pool.wait_until_nothing_in_flight();
   }
 };
+
+// Pairs (i, j) summed together by one convolution task.
+constexpr int kPairGroup = 8;
+
+// Plans made after this call run their transforms on `threads` threads.
+void PlanTransformsOnThreads(int threads);
 
 // Pool tasks. Each takes everything by argument and writes only its own grid,
 // counter, particle range or block of x planes [iFirst, iEnd).

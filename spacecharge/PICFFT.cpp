@@ -16,19 +16,26 @@ constexpr double kInverseEpsilon0 = 112940906683.72818;  // 1 / epsilon 0
 void PIC::FFT(Mesh& mesh) {
   const auto start = std::chrono::system_clock::now();
   if (!planSineForward) MakeFFTPlans();  // a solver set up for S-PICNIC asked once for a transform
-  const std::size_t nodes = mesh.NodeCount();
   const double* rho = mesh.rho.data();
   double* phi = mesh.phi.data();
+  // The node-by-node steps run on the pool in blocks of x planes, as the
+  // differences do; every node's value is its own.
+  const std::size_t plane = static_cast<std::size_t>(ny) * nz;
+  const int tasks = threadPlan[8];
 
   // 1. Charge density.
   const double density = 1.0 / hx / hy / hz;
-  for (std::size_t n = 0; n < nodes; ++n) realA[n] = rho[n] * density;
+  ForPlaneBlocks(tasks, [=](int iFirst, int iEnd) {
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) realA[n] = rho[n] * density;
+  });
   // 2., 3.
   fftw_execute(planSineForward);
-  for (std::size_t n = 0; n < nodes; ++n) {
-    complexA[n][0] = realB[n];
-    complexA[n][1] = 0.0;
-  }
+  ForPlaneBlocks(tasks, [=](int iFirst, int iEnd) {
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) {
+      complexA[n][0] = realB[n];
+      complexA[n][1] = 0.0;
+    }
+  });
   // 4.
   fftw_execute(planDftForward);
   // 5. Eigenvalues of the discrete Laplacian; the sine modes start at 1, the
@@ -47,24 +54,30 @@ void PIC::FFT(Mesh& mesh) {
     eigenZ[k] = 4.0 / hz / hz * (s * s);
   }
   // 6. Divide by the eigenvalue; never 0, since the sine eigenvalues are positive.
-  for (int i = 0; i < nx; ++i)
-    for (int j = 0; j < ny; ++j) {
-      fftw_complex* line = complexB + (static_cast<std::size_t>(i) * ny + j) * nz;
-      const double axy = eigenX[i] + eigenY[j];
-      for (int k = 0; k < nz; ++k) {
-        const double scale = kInverseEpsilon0 / (axy + eigenZ[k]);
-        line[k][0] *= scale;
-        line[k][1] *= scale;
+  ForPlaneBlocks(tasks, [this](int iFirst, int iEnd) {
+    for (int i = iFirst; i < iEnd; ++i)
+      for (int j = 0; j < ny; ++j) {
+        fftw_complex* line = complexB + (static_cast<std::size_t>(i) * ny + j) * nz;
+        const double axy = eigenX[i] + eigenY[j];
+        for (int k = 0; k < nz; ++k) {
+          const double scale = kInverseEpsilon0 / (axy + eigenZ[k]);
+          line[k][0] *= scale;
+          line[k][1] *= scale;
+        }
       }
-    }
+  });
   // 7., 8., 9.
   fftw_execute(planDftBackward);
-  for (std::size_t n = 0; n < nodes; ++n) realB[n] = complexC[n][0];
+  ForPlaneBlocks(tasks, [=](int iFirst, int iEnd) {
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) realB[n] = complexC[n][0];
+  });
   fftw_execute(planSineBackward);
   // 10. Normalisation of the three unnormalised pairs: 2 (Nx + 1), 2 (Ny + 1), Nz.
   const long long pairs = (4LL * nx + 4) * (ny + 1) * nz;
   const double norm = 1.0 / static_cast<double>(pairs);
-  for (std::size_t n = 0; n < nodes; ++n) phi[n] = realA[n] * norm;
+  ForPlaneBlocks(tasks, [=](int iFirst, int iEnd) {
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) phi[n] = realA[n] * norm;
+  });
   timeConvolution += ElapsedMicroseconds(start);
 
   // 11. Central differences; the wall outside the mesh is at potential 0 and z wraps round.

@@ -74,51 +74,66 @@ void Calculate_S_PICNIC(Mesh& mesh, const std::vector<double>& kernel, std::vect
   int cp = 0, cq = 0, cr = 0;
   double cd = 0.0;
 
-  for (int pair = first; pair < last; ++pair) {
-    const int i = xHalf + pair / yHalf, j = yHalf + pair % yHalf;
-    for (int k = zHalf; k < nz; ++k) A[k] = 0.0;
-    // The symmetric sum for the whole k line of (i, j) at once: each A[k]
-    // takes its terms in the order (a, b, c), as a node-by-node sum would.
-    // F already holds the mirrored upper-octant charge with negligible charge
-    // set to 0, and each row is walked only where it holds charge.
-    const int aEnd = std::min(i + reachX, nx), bEnd = std::min(j + reachY, ny);
-    for (int a = std::max(i - reachX, 0); a < aEnd; ++a)
-      for (int b = std::max(j - reachY, 0); b < bEnd; ++b) {
-        const std::size_t row = static_cast<std::size_t>(a) * ny + b;
-        const int cFirst = std::max(rowFirst[row], 0), cEnd = rowEnd[row];
-        if (cFirst >= cEnd) continue;
-        const double* charge = F + row * nz;
-        // Kernel entry of node k and lattice c at [.. + Nz - k + c], which the
-        // table holds again at [.. + Nz + k - c]: read forward along k.
-        const double* line =
-            K + static_cast<std::size_t>(nx - i + a) * ka + static_cast<std::size_t>(ny - j + b) * kb + nz;
-        for (int c = cFirst; c < cEnd; ++c) {
-          const double q = charge[c];
-          if (q == 0.0) continue;
-          // Nodes k with c inside [k - reach, k + reach).
-          const int kFirst = std::max(c - reachZ + 1, zHalf), kLast = std::min(c + reachZ, nz - 1);
-          const double* kc = line - c;
-          // Each A[k] is its own sum, so the lanes of a vector never mix.
+  // The pairs go in groups of kPairGroup neighbours. A kernel line belongs to
+  // an index distance (a - i, b - j), not to a pair, so the group walks the
+  // distances and each line, read once from the large table, serves the whole
+  // group from the first-level cache. Each pair still takes its terms in the
+  // order (a, b, c), and the potentials and corrections follow in pair order.
+  for (int g = first; g < last; g += kPairGroup) {
+    const int members = std::min(kPairGroup, last - g);
+    int gi[kPairGroup], gj[kPairGroup];
+    int diFirst = reachX, diEnd = -reachX, djFirst = reachY, djEnd = -reachY;
+    for (int m = 0; m < members; ++m) {
+      gi[m] = xHalf + (g + m) / yHalf, gj[m] = yHalf + (g + m) % yHalf;
+      diFirst = std::min(diFirst, std::max(-reachX, -gi[m])), diEnd = std::max(diEnd, std::min(reachX, nx - gi[m]));
+      djFirst = std::min(djFirst, std::max(-reachY, -gj[m])), djEnd = std::max(djEnd, std::min(reachY, ny - gj[m]));
+      std::fill(A + m * nz + zHalf, A + (m + 1) * nz, 0.0);
+    }
+    for (int di = diFirst; di < diEnd; ++di)
+      for (int dj = djFirst; dj < djEnd; ++dj) {
+        // Kernel entry of node k and lattice c at [.. + Nz - k + c], which
+        // the table holds again at [.. + Nz + k - c]: read forward along k.
+        const double* line = K + static_cast<std::size_t>(nx + di) * ka + static_cast<std::size_t>(ny + dj) * kb + nz;
+        for (int m = 0; m < members; ++m) {
+          const int a = gi[m] + di, b = gj[m] + dj;
+          if (a < 0 || a >= nx || b < 0 || b >= ny) continue;
+          const std::size_t row = static_cast<std::size_t>(a) * ny + b;
+          const int cFirst = std::max(rowFirst[row], 0), cEnd = rowEnd[row];
+          // F holds the mirrored upper-octant charge with negligible charge
+          // set to 0, and each row is walked only where it holds charge.
+          const double* charge = F + row * nz;
+          double* sum = A + m * nz;
+          for (int c = cFirst; c < cEnd; ++c) {
+            const double q = charge[c];
+            if (q == 0.0) continue;
+            // Nodes k with c inside [k - reach, k + reach).
+            const int kFirst = std::max(c - reachZ + 1, zHalf), kLast = std::min(c + reachZ, nz - 1);
+            const double* kc = line - c;
+            // Each sum[k] is its own sum, so the lanes of a vector never mix.
 #pragma omp simd
-          for (int k = kFirst; k <= kLast; ++k) A[k] += q * kc[k];
+            for (int k = kFirst; k <= kLast; ++k) sum[k] += q * kc[k];
+          }
         }
       }
-    for (int k = zHalf; k < nz; ++k) {
-      const double P = A[k] * kCoulomb;
-      const double own = rho[static_cast<std::size_t>(i) * sx + static_cast<std::size_t>(j) * nz + k];
-      for (int p : {nx - 1 - i, i})
-        for (int q : {ny - 1 - j, j})
-          for (int r : {nz - 1 - k, k}) {
-            const std::size_t at = static_cast<std::size_t>(p) * sx + static_cast<std::size_t>(q) * nz + r;
-            phi[at] = P;
-            const double D = rho[at] - own;
-            if (D >= negligibleCharge || D <= -negligibleCharge) {
-              // Each correction replaces the task's last one; only the last
-              // survives, so it is written once at the end.
-              corrected = true;
-              cp = p, cq = q, cr = r, cd = D;
+    for (int m = 0; m < members; ++m) {
+      const int i = gi[m], j = gj[m];
+      for (int k = zHalf; k < nz; ++k) {
+        const double P = A[m * nz + k] * kCoulomb;
+        const double own = rho[static_cast<std::size_t>(i) * sx + static_cast<std::size_t>(j) * nz + k];
+        for (int p : {nx - 1 - i, i})
+          for (int q : {ny - 1 - j, j})
+            for (int r : {nz - 1 - k, k}) {
+              const std::size_t at = static_cast<std::size_t>(p) * sx + static_cast<std::size_t>(q) * nz + r;
+              phi[at] = P;
+              const double D = rho[at] - own;
+              if (D >= negligibleCharge || D <= -negligibleCharge) {
+                // Each correction replaces the task's last one; only the last
+                // survives, so it is written once at the end.
+                corrected = true;
+                cp = p, cq = q, cr = r, cd = D;
+              }
             }
-          }
+      }
     }
   }
   if (!corrected) return;

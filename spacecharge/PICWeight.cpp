@@ -136,6 +136,8 @@ void Calculate_Weight(Beam& beam, Mesh& mesh, std::vector<double>& weights, std:
     const double dz[2] = {std::fabs(z - nodeZ[k + 1]), std::fabs(z - nodeZ[k])};
     const double q = particle.charge;
     double* corner = rho + (static_cast<std::size_t>(i) * sx + static_cast<std::size_t>(j) * sy + k);
+    // Unrolled: the corner offsets become constants.
+#pragma GCC unroll 8
     for (int n = 0; n < 8; ++n) {
       const int a = n & 1, b = (n >> 1) & 1, c = n >> 2;
       w[n] = dx[a] * dy[b] * dz[c] / cellVolume;
@@ -150,13 +152,15 @@ void Calculate_Weight(Beam& beam, Mesh& mesh, std::vector<double>& weights, std:
 void PIC::Allocate(Mesh& mesh, Beam& beam) {
   const auto start = std::chrono::system_clock::now();
   const double totalCharge = inMeshCount * beam.particle[0].charge;
-  const std::size_t nodes = mesh.NodeCount();
-  double* field = mesh.fieldXYZ.data();
-  for (std::size_t n = 0; n < nodes; ++n) {
-    field[3 * n] = mesh.ex[n];
-    field[3 * n + 1] = mesh.ey[n];
-    field[3 * n + 2] = mesh.ez[n];
-  }
+  const std::size_t plane = static_cast<std::size_t>(ny) * nz;
+  ForPlaneBlocks(multithread == 1 ? threadPlan[9] : 1, [&mesh, plane](int iFirst, int iEnd) {
+    double* field = mesh.fieldXYZ.data();
+    for (std::size_t n = iFirst * plane; n < iEnd * plane; ++n) {
+      field[3 * n] = mesh.ex[n];
+      field[3 * n + 1] = mesh.ey[n];
+      field[3 * n + 2] = mesh.ez[n];
+    }
+  });
   if (multithread == 1) {
     for (int t = 0; t < threadPlan[9]; ++t)
       pool.enqueue(Calculate_Allocate, std::ref(beam), std::ref(mesh), std::ref(weight), gamma, totalCharge,
@@ -205,6 +209,7 @@ void Calculate_Allocate(Beam& beam, Mesh& mesh, std::vector<double>& weights, do
     const std::size_t base = static_cast<std::size_t>(cell[0]) * sx + static_cast<std::size_t>(cell[1]) * sy + cell[2];
     const double* w = &weights[8 * static_cast<std::size_t>(p)];
     double sumX = 0.0, sumY = 0.0, sumZ = 0.0;
+#pragma GCC unroll 8
     for (int n = 0; n < 8; ++n) {
       const double* e = field + 3 * (base + (n & 1) * sx + ((n >> 1) & 1) * sy + (n >> 2));
       sumX += w[n] * e[0];

@@ -5,6 +5,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 #include "tracking/MethodMP.h"
@@ -34,7 +35,9 @@ void Block(int n, int t, int T, int& first, int& last) {
 // slopes of the particle record.
 template <class Map>
 inline void MapRow(const Map& map, double* r, Particle& p, const RowMotion& m) {
-  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, m, p.chargeMassRatio);
+  double phase;
+  const double k = map.Strength(m.gamma, m.beta, p.chargeMassRatio, phase);
+  const Slopes o = map.Apply({r[0], m.xp, r[2], m.yp}, k, Map::Angles(phase), p.chargeMassRatio);
   r[0] = o.x, r[1] = o.xp * r[5], r[2] = o.y, r[3] = o.yp * r[5];
   double* q = p.coordinate;
   q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp;
@@ -50,12 +53,17 @@ inline void MapRow<BendMap>(const BendMap& map, double* r, Particle& p, const Ro
   q[0] = o.x, q[1] = o.xp, q[2] = o.y, q[3] = o.yp, q[4] = zTerm, q[5] = r[5];
 }
 
-// One step of one alive row: optional space-charge kick over twice the last
-// step's flight time, the flight time of this step, the map.
+// The space-charge kick over twice the last step's flight time (entry 4).
+inline double KickFactor(double chargeMassRatio, double flightTime) {
+  return 2.0 * (chargeMassRatio / kLightSpeed) * flightTime;
+}
+
+// One step of one alive row: optional space-charge kick, the flight time of
+// this step, the map.
 template <class Map, bool Kick>
 inline void StepRow(const Map& map, double length, double* r, Particle& p) {
   if (Kick) {
-    const double f = 2.0 * (p.chargeMassRatio / kLightSpeed) * r[4];
+    const double f = KickFactor(p.chargeMassRatio, r[4]);
     const double* E = p.spaceChargeField;
     r[1] += f * E[0];
     r[3] += f * E[1];
@@ -65,6 +73,97 @@ inline void StepRow(const Map& map, double length, double* r, Particle& p) {
   r[4] = length / m.vz;
   r[6] += r[4];
   MapRow(map, r, p, m);
+}
+
+// The rows are mapped in batches: the arithmetic of a batch runs in loops
+// without calls, which the compiler packs two particles to an instruction,
+// and the library's sine, cosine and expm1 in a loop of their own. Each
+// particle meets the same operations in the same order as on its own.
+constexpr int kBatch = 32;
+
+struct BatchScratch {
+  double ratio[kBatch], ex[kBatch], ey[kBatch], ez[kBatch], flight0[kBatch];
+  double x0[kBatch], y0[kBatch], px[kBatch], py[kBatch], pz[kBatch];
+  double gamma[kBatch], beta[kBatch], xp[kBatch], yp[kBatch], flight[kBatch];
+  double strength[kBatch], phase[kBatch], cosine[kBatch], sine[kBatch], expm1[kBatch];
+  double x1[kBatch], xp1[kBatch], y1[kBatch], yp1[kBatch], zTerm[kBatch];
+};
+
+// Rows [0, count) of `rows` (kWidth values apart) and their records. The
+// values are first laid out side by side, so that the packed loops read
+// plain arrays. The records are large and read for a value or two each: the
+// lines of the next batch's records (`ahead` of them) are asked for on the way.
+template <class Map, bool Kick>
+void MapBatch(const Map& map, double length, double* rows, Particle* particles, int count, int ahead,
+              BatchScratch& s) {
+  constexpr int W = CrossingTable::kWidth;
+  constexpr bool kBend = std::is_same<Map, BendMap>::value;
+  for (int j = 0; j < count; ++j) {
+    if (j < ahead) {
+      const Particle& next = particles[kBatch + j];
+      __builtin_prefetch(&next.chargeMassRatio);
+      __builtin_prefetch(next.coordinate, 1);
+      if (Kick) __builtin_prefetch(next.spaceChargeField);
+    }
+    const Particle& p = particles[j];
+    const double* r = rows + W * j;
+    s.ratio[j] = p.chargeMassRatio;
+    s.x0[j] = r[0], s.px[j] = r[1], s.y0[j] = r[2], s.py[j] = r[3], s.pz[j] = r[5];
+    if (Kick) {
+      s.ex[j] = p.spaceChargeField[0], s.ey[j] = p.spaceChargeField[1], s.ez[j] = p.spaceChargeField[2];
+      s.flight0[j] = r[4];
+    }
+  }
+  // Kick, kinematics, strength. Rows that are not carried are computed too
+  // and dropped at the end: a branch would keep the loop from packing.
+#pragma omp simd
+  for (int j = 0; j < count; ++j) {
+    double px = s.px[j], py = s.py[j], pz = s.pz[j];
+    if (Kick) {
+      const double f = KickFactor(s.ratio[j], s.flight0[j]);
+      px += f * s.ex[j];
+      py += f * s.ey[j];
+      pz += f * s.ez[j];
+    }
+    const RowMotion m = Motion(px, py, pz);
+    s.pz[j] = pz;
+    s.gamma[j] = m.gamma, s.beta[j] = m.beta, s.xp[j] = m.xp, s.yp[j] = m.yp;
+    s.flight[j] = length / m.vz;
+    if constexpr (!kBend) s.strength[j] = map.Strength(m.gamma, m.beta, s.ratio[j], s.phase[j]);
+  }
+  if constexpr (!kBend) {
+    if (Map::kAngles)
+      for (int j = 0; j < count; ++j) {
+        const MapAngles a = rows[W * j + 7] == 1.0 ? Map::Angles(s.phase[j]) : MapAngles{};
+        s.cosine[j] = a.c, s.sine[j] = a.s, s.expm1[j] = a.e;
+      }
+  }
+#pragma omp simd
+  for (int j = 0; j < count; ++j) {
+    const Slopes u = {s.x0[j], s.xp[j], s.y0[j], s.yp[j]};
+    Slopes o;
+    if constexpr (kBend) {
+      RowMotion m;
+      m.gamma = s.gamma[j], m.beta = s.beta[j];
+      o = map.Apply(u, m, s.pz[j], s.zTerm[j]);
+    } else {
+      MapAngles a;
+      if (Map::kAngles) a.c = s.cosine[j], a.s = s.sine[j], a.e = s.expm1[j];
+      o = map.Apply(u, s.strength[j], a, s.ratio[j]);
+    }
+    s.x1[j] = o.x, s.xp1[j] = o.xp, s.y1[j] = o.y, s.yp1[j] = o.yp;
+  }
+  for (int j = 0; j < count; ++j) {
+    double* r = rows + W * j;
+    if (r[7] != 1.0) continue;
+    const double pz = s.pz[j];
+    r[4] = s.flight[j];
+    r[6] += r[4];
+    r[0] = s.x1[j], r[1] = s.xp1[j] * pz, r[2] = s.y1[j], r[3] = s.yp1[j] * pz, r[5] = pz;
+    double* q = particles[j].coordinate;
+    q[0] = s.x1[j], q[1] = s.xp1[j], q[2] = s.y1[j], q[3] = s.yp1[j];
+    if constexpr (kBend) q[4] = s.zTerm[j], q[5] = pz;
+  }
 }
 
 // One parallel region over the bunch's rows. With Mean, the times of the
@@ -78,16 +177,20 @@ void MapRows(const Map& map, double length, CrossingTable& rows, Beam& beam, int
   {
     int first, last;
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
+    BatchScratch scratch;
     double sum = 0.0;
     long count = 0;
-    for (int i = first; i < last; ++i) {
-      double* r = rows[i].data();
-      if (r[7] != 1.0) continue;
-      StepRow<Map, Kick>(map, length, r, beam.particle[i]);
-      if (Mean) {
-        sum += r[6];
-        ++count;
-      }
+    for (int i = first; i < last; i += kBatch) {
+      const int size = std::min(kBatch, last - i);
+      const int ahead = std::max(0, std::min(kBatch, last - i - kBatch));
+      MapBatch<Map, Kick>(map, length, rows.Row(i), beam.particle + i, size, ahead, scratch);
+      if (Mean)
+        for (int j = 0; j < size; ++j) {
+          const double* r = rows.Row(i + j);
+          if (r[7] != 1.0) continue;
+          sum += r[6];
+          ++count;
+        }
     }
     if (Mean) {
 #pragma omp atomic
@@ -150,7 +253,7 @@ void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTa
         MapRowsFor(mode, SolenoidMap{e.strength, length}, length, states, beam, threads, timeSum, aliveCount);
       break;
     case MapKind::kBend: {
-      const BendMap map = BendStep(e, zEnd - zStart, states[n][5], length);
+      const BendMap map = BendStep(e, zEnd - zStart, states.Row(n)[5], length);
       MapRowsFor(mode, map, length, states, beam, threads, timeSum, aliveCount);
       break;
     }
@@ -164,9 +267,11 @@ void MethodMP::HardEdgeTrans(int element, double zStart, double zEnd, CrossingTa
     // The earliest time of the rows still carried. A particle lost before or
     // inside the section has a cleared row, whose time 0 would put the bunch
     // back to the start of the line.
-    for (int i = 0; i < n; ++i)
-      if (states[i][7] == 1.0) timeOut = std::min(timeOut, states[i][6]);
-    if (timeOut == 1e10) timeOut = states[n][6];  // nobody left: the reference's time
+    for (int i = 0; i < n; ++i) {
+      const double* r = states.Row(i);
+      if (r[7] == 1.0) timeOut = std::min(timeOut, r[6]);
+    }
+    if (timeOut == 1e10) timeOut = states.Row(n)[6];  // nobody left: the reference's time
   }
 }
 
@@ -175,7 +280,7 @@ void MethodMP::HardEdgeTrans(int element, CrossingTable& states, Beam& beam, Lat
   const MapKind kind = KindOf(e);
   if (kind == MapKind::kNone) return;
   const int n = beam.particleNumber;
-  double* r = states[n].data();
+  double* r = states.Row(n);
   Particle& p = beam.particle[n];
   double length = e.length;
   switch (kind) {
@@ -223,20 +328,35 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
     double local[6] = {0, 0, 0, 0, 0, 0};
     long localCount = 0;
-    for (int i = first; i < last; ++i) {
-      const double* r = states[i].data();
-      if (r[7] != 1.0) continue;
-      const RowMotion m = MotionOfRow(r);
-      const double d = r[6] - time;
-      double* rel = beam.particle[i].relativeCoordinate;
-      rel[0] = r[0] - d * (r[1] / m.gamma) * c;
-      rel[1] = r[1];
-      rel[2] = r[2] - d * (r[3] / m.gamma) * c;
-      rel[3] = r[3];
-      rel[4] = -d * m.vz;
-      rel[5] = r[5];
-      for (int k = 0; k < 6; ++k) local[k] += rel[k];
-      ++localCount;
+    // In batches, as the maps: the kinematics side by side, then the records
+    // and the sums row by row in their order.
+    double x[kBatch], y[kBatch], z[kBatch];
+    for (int i = first; i < last; i += kBatch) {
+      const int size = std::min(kBatch, last - i);
+      const double* rows = states.Row(i);
+#pragma omp simd
+      for (int j = 0; j < size; ++j) {
+        const double* r = rows + CrossingTable::kWidth * j;
+        const RowMotion m = MotionOfRow(r);
+        const double d = r[6] - time;
+        x[j] = r[0] - d * (r[1] / m.gamma) * c;
+        y[j] = r[2] - d * (r[3] / m.gamma) * c;
+        z[j] = -d * m.vz;
+      }
+      for (int j = 0; j < size; ++j) {
+        const double* r = rows + CrossingTable::kWidth * j;
+        if (r[7] != 1.0) continue;
+        double* rel = beam.particle[i + j].relativeCoordinate;
+        rel[0] = x[j];
+        rel[1] = r[1];
+        rel[2] = y[j];
+        rel[3] = r[3];
+        rel[4] = z[j];
+        rel[5] = r[5];
+#pragma GCC unroll 6
+        for (int k = 0; k < 6; ++k) local[k] += rel[k];
+        ++localCount;
+      }
     }
     for (int k = 0; k < 6; ++k) {
 #pragma omp atomic
@@ -264,7 +384,7 @@ void MethodMP::HESCFieldPre(Beam& beam, CrossingTable& states, Lattice&, double&
     Block(n, omp_get_thread_num(), omp_get_num_threads(), first, last);
     double lx = 0.0, ly = 0.0, lz = 0.0;
     for (int i = first; i < last; ++i) {
-      if (states[i][7] != 1.0) continue;
+      if (states.Row(i)[7] != 1.0) continue;
       const double* rel = beam.particle[i].relativeCoordinate;
       const double dx = rel[0] - a[0], dy = rel[2] - a[2], dz = gz * (rel[4] - a[4]);
       lx += dx * dx;

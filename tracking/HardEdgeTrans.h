@@ -18,29 +18,47 @@ struct RowMotion {
   double gamma, beta, xp, yp, vz;
 };
 
-inline RowMotion MotionOfRow(const double* r) {
+inline RowMotion Motion(double px, double py, double pz) {
   RowMotion m;
-  m.gamma = std::sqrt(1.0 + r[1] * r[1] + r[3] * r[3] + r[5] * r[5]);
+  m.gamma = std::sqrt(1.0 + px * px + py * py + pz * pz);
   m.beta = std::sqrt(1.0 - 1.0 / (m.gamma * m.gamma));
-  m.xp = r[1] / r[5];
-  m.yp = r[3] / r[5];
+  m.xp = px / pz;
+  m.yp = py / pz;
   m.vz = m.beta * constants::kLightSpeed / std::sqrt(m.xp * m.xp + m.yp * m.yp + 1.0);
   return m;
 }
 
-// cosh and sinh of phi >= 0 from one expm1, accurate also for small phi.
-inline void HyperbolicPair(double phi, double& ch, double& sh) {
-  const double em = std::expm1(phi);
+inline RowMotion MotionOfRow(const double* r) { return Motion(r[1], r[3], r[5]); }
+
+// The transcendental values of one particle's map: cosine and sine of its
+// phase advance and, for the quadrupole, expm1 of it. They are library calls
+// and are taken apart from the arithmetic around them, so that a batch of
+// particles can do that arithmetic side by side.
+struct MapAngles {
+  double c = 0.0, s = 0.0, e = 0.0;
+};
+
+// cosh and sinh of phi >= 0 from em = expm1(phi), accurate also for small phi.
+inline void HyperbolicFromExpm1(double em, double& ch, double& sh) {
   const double twiceE = 2.0 * (1.0 + em);
   ch = 1.0 + em * em / twiceE;
   sh = em * (em + 2.0) / twiceE;
 }
 
+// Each map below is applied in three stages: Strength (arithmetic: the
+// particle's focusing strength and phase advance from its gamma, beta and
+// q/m; plain values, so that a loop of it packs), Angles (the library calls),
+// Apply (arithmetic: the transfer matrix on the point). kAngles says whether
+// the map has per-particle angles at all.
+
 // Field-free stretch of length L: also a quadrupole without gradient and a
 // solenoid without field, the limits of their maps.
 struct DriftMap {
+  static constexpr bool kAngles = false;
   double length;
-  Slopes Apply(const Slopes& u, const RowMotion&, double) const {
+  double Strength(double, double, double, double& phase) const { return phase = 0.0; }
+  static MapAngles Angles(double) { return {}; }
+  Slopes Apply(const Slopes& u, double, const MapAngles&, double) const {
     return {u.x + u.xp * length, u.xp, u.y + u.yp * length, u.yp};
   }
 };
@@ -48,32 +66,42 @@ struct DriftMap {
 // Quadrupole of gradient G (T/m): k = sqrt(|G / B rho|) with the particle's
 // own rigidity, so the map is chromatic. x focuses when G q/m is above 0.
 struct QuadMap {
+  static constexpr bool kAngles = true;
   double gradient;
   double length;
-  Slopes Apply(const Slopes& u, const RowMotion& m, double chargeMassRatio) const {
-    const double k = std::sqrt(std::fabs(gradient / (m.gamma * constants::kLightSpeed * m.beta / chargeMassRatio)));
-    const double phi = k * length;
-    const double C = std::cos(phi), S = std::sin(phi);
-    double ch, sh;
-    HyperbolicPair(phi, ch, sh);
+  double Strength(double gamma, double beta, double chargeMassRatio, double& phase) const {
+    const double k = std::sqrt(std::fabs(gradient / (gamma * constants::kLightSpeed * beta / chargeMassRatio)));
+    phase = k * length;
+    return k;
+  }
+  static MapAngles Angles(double phi) { return {std::cos(phi), std::sin(phi), std::expm1(phi)}; }
+  Slopes Apply(const Slopes& u, double k, const MapAngles& a, double chargeMassRatio) const {
     const bool focusX = gradient * chargeMassRatio > 0.0;
+    const double C = a.c, S = a.s;
+    double ch, sh;
+    HyperbolicFromExpm1(a.e, ch, sh);
     const double fx = focusX ? u.x : u.y, fxp = focusX ? u.xp : u.yp;  // focusing plane
     const double dx = focusX ? u.y : u.x, dxp = focusX ? u.yp : u.xp;  // defocusing plane
     const double f1 = fx * C + fxp * S / k, f1p = -fx * k * S + fxp * C;
     const double d1 = dx * ch + dxp * sh / k, d1p = dx * k * sh + dxp * ch;
-    if (focusX) return {f1, f1p, d1, d1p};
-    return {d1, d1p, f1, f1p};
+    return {focusX ? f1 : d1, focusX ? f1p : d1p, focusX ? d1 : f1, focusX ? d1p : f1p};
   }
 };
 
 // Solenoid of field B (T): K = B q/m / (2 c beta gamma), the rotation and the
 // focusing of the Larmor frame in one matrix.
 struct SolenoidMap {
+  static constexpr bool kAngles = true;
   double field;
   double length;
-  Slopes Apply(const Slopes& u, const RowMotion& m, double chargeMassRatio) const {
-    const double K = field * chargeMassRatio / (599584916.0 * m.beta * m.gamma);
-    const double C = std::cos(K * length), S = std::sin(K * length);
+  double Strength(double gamma, double beta, double chargeMassRatio, double& phase) const {
+    const double K = field * chargeMassRatio / (599584916.0 * beta * gamma);
+    phase = K * length;
+    return K;
+  }
+  static MapAngles Angles(double phi) { return {std::cos(phi), std::sin(phi), 0.0}; }
+  Slopes Apply(const Slopes& u, double K, const MapAngles& a, double) const {
+    const double C = a.c, S = a.s;
     const double CC = C * C, SC = S * C, SS = S * S;
     return {u.x * CC + u.xp * SC / K + u.y * SC + u.yp * SS / K,
             -u.x * K * SC + u.xp * CC - u.y * K * SS + u.yp * SC,

@@ -56,8 +56,8 @@ void MethodMP::Run(Lattice& lattice, Beam& beam, ErrorSample& sample, Boundary& 
   PIC pic(mesh, beam, scParameters, lpBoundary);
 
   const int N = beam.particleNumber;
-  CrossingTable planeCrossing(N + 1, std::vector<double>(8, 0.0));
-  CrossingTable curveCrossing(N + 1, std::vector<double>(8, 0.0));
+  CrossingTable planeCrossing(N + 1);
+  CrossingTable curveCrossing(N + 1);
 
   BeginRun(lattice, beam, sample, {"DataSet.txt", "synParticle.txt", "test.txt", "testP.txt", "collisionData.txt"});
 
@@ -138,7 +138,7 @@ void MethodMP::WriteSimulationTime(const PIC& pic) {
   AppendOutput(outputFilePath + "SimulationTime.txt", out.str(), WriteStage::kTracking);
 }
 
-void MethodMP::RestoreFromRow(Particle& p, const std::vector<double>& r, double z, double commonTime) {
+void MethodMP::RestoreFromRow(Particle& p, const double* r, double z, double commonTime) {
   const double c = kLightSpeed;
   const double px = r[1], py = r[3], pz = r[5];
   const double G = std::sqrt(1.0 + px * px + py * py + pz * pz);
@@ -161,19 +161,19 @@ double MethodMP::zTotcode(double z, Beam& beam, CrossingTable& rows, double& tim
 #pragma omp parallel for schedule(static)
   for (int i = 0; i < N; ++i) {
     Particle& p = beam.particle[i];
-    std::vector<double>& r = rows[i];
+    double* r = rows.Row(i);
     p.indexPlane = 0;
     if (r[7] == 1.0) RestoreFromRow(p, r, z, timeOut);
-    std::fill(r.begin(), r.end(), 0.0);
+    std::fill(r, r + CrossingTable::kWidth, 0.0);
   }
 
   // The reference goes back onto the axis.
   Particle& reference = beam.particle[N];
-  std::vector<double>& r = rows[N];
+  double* r = rows.Row(N);
   RestoreFromRow(reference, r, z, timeOut);
   reference.coordinate[0] = reference.coordinate[1] = reference.coordinate[2] = reference.coordinate[3] = 0.0;
   reference.indexPlane = 0;
-  std::fill(r.begin(), r.end(), 0.0);
+  std::fill(r, r + CrossingTable::kWidth, 0.0);
   return timeOut;
 }
 
@@ -330,7 +330,7 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
 
     // 9. The state after the push, and the frame columns.
     recordState();
-    FrameColumns(beam, lineRecord, previous[N], curveCrossing[N], startPlane, time, dt);
+    FrameColumns(beam, lineRecord, previous[N], curveCrossing.Row(N), startPlane, time, dt);
 
     // 10.
     if (beam.aliveNumber == 0) errorOut("End of simulation, all particles lost");
@@ -351,14 +351,14 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
         if (curveCrossing[i][7] != 1.0)
           beam.particle[i].lost = 1;
         else
-          RestoreFromRow(beam.particle[i], curveCrossing[i], startPlane, tmin);
+          RestoreFromRow(beam.particle[i], curveCrossing.Row(i), startPlane, tmin);
       }
       beam.bendPlane = 0;
       beam.bendAngle = 0.0;
       time = tmin - dt;
       lattice.planeIndex += 1;
       lattice.element[reference.indexElem]->reservedMark = 0;
-      for (std::vector<double>& row : curveCrossing) std::fill(row.begin(), row.end(), 0.0);
+      curveCrossing.Clear();
     }
 
     // 12. Stops: done once the tail has passed.
@@ -393,7 +393,7 @@ void MethodMP::tcodeRun(double& time, double& stepSize, double& startPlane, std:
         return;
       }
       dstOut(beam, planeCrossing, stopPlane);
-      for (std::vector<double>& row : planeCrossing) std::fill(row.begin(), row.end(), 0.0);
+      planeCrossing.Clear();
     }
 
     // 13. Progress, at most every progressInterval seconds.
@@ -444,7 +444,7 @@ void MethodMP::ApplySteerer(Lattice& lattice, Beam& beam, CrossingTable& rows, i
     b = p[2] * k / 8.987551787368176e+16;
   }
   for (int i = 0; i < beam.particleNumber; ++i) {
-    std::vector<double>& r = rows[i];
+    double* r = rows.Row(i);
     if (r[7] != 1.0) continue;
     if (clearEntry4) r[4] = 0.0;
     if (p[0] == 1.0) {
@@ -480,7 +480,7 @@ void MethodMP::ApplyApertures(Beam& beam, Lattice& lattice, Boundary& boundaryLi
 
 void MethodMP::FrameColumns(Beam& beam, std::vector<double>& lineRecord,
                             const std::array<double, 6>& previousReference,
-                            const std::vector<double>& referenceCurveRow, double startPlane, double time,
+                            const double* referenceCurveRow, double startPlane, double time,
                             double dt) {
   const double* r = beam.particle[beam.particleNumber].coordinate;
   const std::array<double, 6>& q = previousReference;
@@ -647,7 +647,7 @@ void MethodMP::beamOut(Beam& beam, CrossingTable& rows, int kind, double time, d
       record.append(reinterpret_cast<const char*>(p.relativeCoordinate), 6 * sizeof(double));
       Put(record, p.lost);
     } else {
-      const std::vector<double>& r = rows[i];
+      const double* r = rows.Row(i);
       for (int k : {0, 1, 2, 3, 6, 5}) Put(record, r[k]);
       Put(record, static_cast<int>(std::lround(r[7])));
     }
@@ -674,7 +674,7 @@ void MethodMP::dstOut(Beam& beam, const CrossingTable& rows, double z) {
   Put(data, beam.frequency / 1000000.0);
   data.push_back(static_cast<char>(0x7D));
   for (int i = 0; i < N; ++i) {
-    const std::vector<double>& r = rows[i];
+    const double* r = rows.Row(i);
     if (r[7] != 1.0) continue;
     const double G = std::sqrt(1.0 + r[1] * r[1] + r[3] * r[3] + r[5] * r[5]);
     Put(data, r[0] * 100.0);

@@ -120,11 +120,11 @@ class MethodMP : public ThreadPool {
   // Columns 14 to 17 of the line record: frame state, plane, steps in the
   // bending plane and in z of the reference.
   void FrameColumns(Beam& beam, std::vector<double>& lineRecord, const std::array<double, 6>& previousReference,
-                    const std::vector<double>& referenceCurveRow, double startPlane, double time, double dt);
+                    const double* referenceCurveRow, double startPlane, double time, double dt);
   // The frame of the statistics follows the reference through a curved set.
   void FrameOfReference(Beam& beam, Lattice& lattice, double* referenceCoordinate);
   // Puts a particle back from its crossing row r to the common time, behind
   // the plane z; momenta from the row.
-  static void RestoreFromRow(Particle& p, const std::vector<double>& r, double z, double commonTime);
+  static void RestoreFromRow(Particle& p, const double* r, double z, double commonTime);
   void WriteSimulationTime(const PIC& pic);
 };

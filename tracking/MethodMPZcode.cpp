@@ -116,7 +116,7 @@ void MethodMP::zcodeRun(double& time, double& startPlane, std::vector<int>& elem
   // A map that overflowed (a gradient of 1e300, say) leaves rows that are no
   // numbers; the run stops here rather than hand them on.
   for (int i = 0; i <= beam.particleNumber; ++i) {
-    const std::vector<double>& r = rows[i];
+    const double* r = rows.Row(i);
     if (r[7] == 1.0 && !std::isfinite(r[0] + r[1] + r[2] + r[3] + r[5] + r[6])) NotFiniteStop(stepCounter);
   }
   const auto t0 = std::chrono::system_clock::now();

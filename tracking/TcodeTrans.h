@@ -5,8 +5,8 @@
 #include "beam/Beam.h"
 #include "beamline/Lattice.h"
 #include "run/ErrorSample.h"
+#include "tracking/CrossingTable.h"
 
-using CrossingTable = std::vector<std::vector<double>>;  // rows: x, gbx, y, gby, z, gbz, time, flag
 using PreviousTable = std::vector<std::array<double, 6>>;
 
 // Partial sums of one thread range. Each range writes only its own entry,

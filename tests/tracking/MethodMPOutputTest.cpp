@@ -86,7 +86,7 @@ TEST(MethodMPOutput, ZTotcodeRestoresParticlesAtCommonTime) {
   double timeOut = 2e-9;
   EXPECT_EQ(run.engine.zTotcode(0.75, run.beam, rows, timeOut), 2e-9);
   for (int i = 0; i <= 3; ++i) {  // slot 0 did not cross and keeps its coordinates
-    const V& r = given[i];
+    const ConstCrossingRow r = given[i];
     const double G = std::sqrt(1 + r[1] * r[1] + r[3] * r[3] + r[5] * r[5]), d = (r[6] - 2e-9) * kC / G, on = i < 3;
     const double w[6] = {on * (r[0] - r[1] * d), on * r[1], on * (r[2] - r[3] * d), on * r[3], 0.75 - d * r[5], r[5]};
     for (int k = 0; k < 6; ++k) EXPECT_NEAR(run.slots[i].coordinate[k], i ? w[k] : 7, 1e-12) << i << " " << k;
