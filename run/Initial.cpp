@@ -564,19 +564,8 @@ void Initial::GenerateBunch(Beam& beam, const std::vector<double>* beamErrors) {
       minPhase = std::min(minPhase, phase);
     }
 
-    if (beamErrors) {
-      // The x and y offsets are added to centimetres with the factor of a
-      // millimetre; kept as the error decks expect it.
-      for (int i = 0; i < N; ++i) {
-        double* q = beam.particle[i].coordinate;
-        q[0] += E[1] * 0.001;
-        q[1] += E[4] * 0.001;
-        q[2] += E[2] * 0.001;
-        q[3] += E[5] * 0.001;
-        q[4] += E[3] / 180.0 * kPi;
-        q[5] += E[6];
-      }
-    }
+    if (beamErrors)
+      for (int i = 0; i < N; ++i) AddBeamErrorOffsets(beam.particle[i].coordinate, E);
 
     CheckStepCount((maxPhase - minPhase) / (kTwoPi * beam.frequency));
     // Extreme but accepted values (an energy of 1e300 MeV) can still

@@ -108,6 +108,7 @@ class Initial {
   };
   void ReadDistributionFile(const std::string& name, LoadedDistribution& file);
   void ApplyLoadedBeamErrors(LoadedDistribution& file, const std::vector<double>* beamErrors);
+  static void AddBeamErrorOffsets(double* q, const std::vector<double>& E);
   bool WriteLoadedDistribution(const LoadedDistribution& file) const;
   double TakeLoadedBeam(Beam& beam, const LoadedDistribution& file);
   void LoadDistribution(Beam& beam, const std::vector<double>* beamErrors);

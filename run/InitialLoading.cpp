@@ -108,14 +108,19 @@ void Initial::ApplyLoadedBeamErrors(LoadedDistribution& file, const std::vector<
   const std::vector<double>& E = *beamErrors;
   file.currentmA += E[13];
   // Offsets in the file form, as the generation adds them.
-  for (std::vector<double>& q : file.rows) {
-    q[0] += E[1] * 0.001;
-    q[1] += E[4] * 0.001;
-    q[2] += E[2] * 0.001;
-    q[3] += E[5] * 0.001;
-    q[4] += E[3] / 180.0 * kPi;
-    q[5] += E[6];
-  }
+  for (std::vector<double>& q : file.rows) AddBeamErrorOffsets(q.data(), E);
+}
+
+// The beam's error offsets on one point in the file form (x and y in cm,
+// phase in rad, kinetic energy in MeV). The x and y offsets are added to
+// centimetres with the factor of a millimetre; kept as the error decks expect it.
+void Initial::AddBeamErrorOffsets(double* q, const std::vector<double>& E) {
+  q[0] += E[1] * 0.001;
+  q[1] += E[4] * 0.001;
+  q[2] += E[2] * 0.001;
+  q[3] += E[5] * 0.001;
+  q[4] += E[3] / 180.0 * kPi;
+  q[5] += E[6];
 }
 
 // Returns true: a file that cannot be written whole ends the run.
